@@ -1,0 +1,212 @@
+#include "Platform/FileSystem.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <mutex>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include "Platform/Path.h"
+
+namespace platform::fs {
+
+Error posixError(int code, const std::string& path) {
+    Dictionary info;
+    info.set(kErrorDescriptionKey, path.empty() ? std::string(strerror(code)) : path + ": " + strerror(code));
+    if (!path.empty()) info.set("path", path);
+    return Error{kPOSIXErrorDomain, code, std::move(info)};
+}
+
+namespace {
+bool fail(Error* error, const std::string& path, int code = errno) {
+    if (error) *error = posixError(code, path);
+    return false;
+}
+}  // namespace
+
+const char* fileTypeForMode(mode_t mode) {
+    switch (mode & S_IFMT) {
+    case S_IFREG: return kFileTypeRegular;
+    case S_IFDIR: return kFileTypeDirectory;
+    case S_IFLNK: return kFileTypeSymbolicLink;
+    case S_IFSOCK: return kFileTypeSocket;
+    case S_IFCHR: return kFileTypeCharacterSpecial;
+    case S_IFBLK: return kFileTypeBlockSpecial;
+    default: return kFileTypeUnknown;
+    }
+}
+
+std::optional<Dictionary> attributes(const std::string& path, Error* error) {
+    struct statx sx {};
+    if (path.empty() || statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) {
+        fail(error, path, path.empty() ? ENOENT : errno);
+        return std::nullopt;
+    }
+    auto date = [](const struct statx_timestamp& t) { return Date{double(t.tv_sec) + t.tv_nsec / 1e9}; };
+    Dictionary d;
+    d.set(kFileType, fileTypeForMode(sx.stx_mode));
+    d.set(kFileSize, uint64_t(sx.stx_size));
+    d.set(kFileCreationDate, date((sx.stx_mask & STATX_BTIME) ? sx.stx_btime : sx.stx_ctime));
+    d.set(kFileModificationDate, date(sx.stx_mtime));
+    d.set(kFileOwnerAccountID, uint64_t(sx.stx_uid));
+    d.set(kFileGroupOwnerAccountID, uint64_t(sx.stx_gid));
+    if (auto name = userName(sx.stx_uid)) d.set(kFileOwnerAccountName, *name);
+    if (auto name = groupName(sx.stx_gid)) d.set(kFileGroupOwnerAccountName, *name);
+    d.set(kFilePosixPermissions, uint64_t(sx.stx_mode & 07777));
+    return d;
+}
+
+bool exists(const std::string& path, bool* isDirectory) {
+    struct stat st {};
+    if (path.empty() || stat(path.c_str(), &st) != 0) return false;
+    if (isDirectory) *isDirectory = S_ISDIR(st.st_mode);
+    return true;
+}
+
+bool existsNoFollow(const std::string& path) {
+    struct stat st {};
+    return !path.empty() && lstat(path.c_str(), &st) == 0;
+}
+
+std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path, Error* error) {
+    DIR* dir = opendir(path.c_str());
+    if (!dir) {
+        fail(error, path);
+        return std::nullopt;
+    }
+    std::vector<std::string> names;
+    while (struct dirent* e = readdir(dir)) {
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+        names.emplace_back(e->d_name);
+    }
+    closedir(dir);
+    return names;
+}
+
+std::optional<Data> readFile(const std::string& path, Error* error) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        fail(error, path);
+        return std::nullopt;
+    }
+    Data out;
+    struct stat st {};
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) out.reserve(size_t(st.st_size));
+    uint8_t buf[65536];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            int saved = errno;
+            close(fd);
+            fail(error, path, saved);
+            return std::nullopt;
+        }
+        if (n == 0) break;
+        out.insert(out.end(), buf, buf + n);
+    }
+    close(fd);
+    return out;
+}
+
+bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, Error* error) {
+    static std::atomic<unsigned> counter{0};
+    std::string dir = path::deletingLastComponent(path);
+    std::string temp = path::appendComponent(dir.empty() ? "." : dir,
+                                             "." + path::lastComponent(path) + ".tmp." + std::to_string(getpid()) +
+                                                 "." + std::to_string(counter++));
+    int fd = open(temp.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_WRONLY | O_CLOEXEC, 0666);
+    if (fd < 0) return fail(error, temp);
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            int saved = errno;
+            close(fd);
+            unlink(temp.c_str());
+            return fail(error, temp, saved);
+        }
+        done += size_t(n);
+    }
+    if (close(fd) != 0) {
+        int saved = errno;
+        unlink(temp.c_str());
+        return fail(error, temp, saved);
+    }
+    // rename replaces a symbolic link at `path` itself rather than writing through it.
+    if (rename(temp.c_str(), path.c_str()) != 0) {
+        int saved = errno;
+        unlink(temp.c_str());
+        return fail(error, path, saved);
+    }
+    return true;
+}
+
+bool removeItem(const std::string& path, Error* error) {
+    if (unlink(path.c_str()) == 0) return true;
+    if (errno == EISDIR || errno == EPERM) {
+        if (rmdir(path.c_str()) == 0) return true;
+    }
+    return fail(error, path);
+}
+
+bool createDirectories(const std::string& path, mode_t mode, Error* error) {
+    if (path.empty()) return fail(error, path, ENOENT);
+    bool isDir = false;
+    if (exists(path, &isDir)) return isDir ? true : fail(error, path, EEXIST);
+    std::string parent = path::deletingLastComponent(path);
+    if (!parent.empty() && parent != path && !createDirectories(parent, mode, error)) return false;
+    if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) return fail(error, path);
+    return true;
+}
+
+bool setOwner(const std::string& path, uid_t uid, gid_t gid, Error* error) {
+    if (lchown(path.c_str(), uid, gid) != 0) return fail(error, path);
+    return true;
+}
+
+std::optional<FileSystemSize> fileSystemSize(const std::string& path) {
+    struct statvfs sv {};
+    if (statvfs(path.c_str(), &sv) != 0) return std::nullopt;
+    return FileSystemSize{uint64_t(sv.f_blocks) * sv.f_frsize, uint64_t(sv.f_bavail) * sv.f_frsize};
+}
+
+namespace {
+std::mutex uidMutex;
+std::optional<uid_t> uidOverride;
+}  // namespace
+
+uid_t realUserID() {
+    std::lock_guard lock(uidMutex);
+    return uidOverride ? *uidOverride : getuid();
+}
+
+void setRealUserIDOverride(std::optional<uid_t> uid) {
+    std::lock_guard lock(uidMutex);
+    uidOverride = uid;
+}
+
+std::optional<std::string> userName(uid_t uid) {
+    struct passwd pw {};
+    struct passwd* result = nullptr;
+    char buf[4096];
+    if (getpwuid_r(uid, &pw, buf, sizeof buf, &result) != 0 || !result) return std::nullopt;
+    return std::string(pw.pw_name);
+}
+
+std::optional<std::string> groupName(gid_t gid) {
+    struct group gr {};
+    struct group* result = nullptr;
+    char buf[4096];
+    if (getgrgid_r(gid, &gr, buf, sizeof buf, &result) != 0 || !result) return std::nullopt;
+    return std::string(gr.gr_name);
+}
+
+}  // namespace platform::fs

@@ -1,0 +1,217 @@
+#include "Platform/PropertyList.h"
+
+#include <cmath>
+#include <memory>
+#include <plist/plist.h>
+
+#include "Platform/FileSystem.h"
+
+namespace platform::plist {
+
+namespace {
+
+// Seconds between 1970-01-01 and 2001-01-01, the epoch libplist counts dates from.
+constexpr double kEpochOffset = 978307200.0;
+
+struct NodeDeleter {
+    void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
+};
+using Node = std::unique_ptr<void, NodeDeleter>;
+
+// libplist keeps one integer type; the sign is known only to its XML writer, which
+// prints values that were stored as unsigned 128-bit integers without a sign.
+bool storedAsUnsigned(plist_t node) {
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(node, &xml, &length);
+    bool unsignedForm = xml && std::string_view(xml, length).find("<integer>-") == std::string_view::npos;
+    if (xml) plist_to_xml_free(xml);
+    return unsignedForm;
+}
+
+Value fromNode(plist_t node, int depth) {
+    if (!node || depth > 512) return Value();
+    switch (plist_get_node_type(node)) {
+    case PLIST_BOOLEAN: {
+        uint8_t b = 0;
+        plist_get_bool_val(node, &b);
+        return Value(b != 0);
+    }
+    case PLIST_UINT: {
+        uint64_t u = 0;
+        plist_get_uint_val(node, &u);
+        if (u <= uint64_t(INT64_MAX)) return Value(int64_t(u));
+        if (storedAsUnsigned(node)) return Value(u);
+        return Value(int64_t(u));
+    }
+    case PLIST_REAL: {
+        double d = 0;
+        plist_get_real_val(node, &d);
+        return Value(d);
+    }
+    case PLIST_STRING:
+    case PLIST_KEY: {
+        char* s = nullptr;
+        plist_get_string_val(node, &s);
+        Value v(std::string(s ? s : ""));
+        free(s);
+        return v;
+    }
+    case PLIST_DATA: {
+        char* bytes = nullptr;
+        uint64_t length = 0;
+        plist_get_data_val(node, &bytes, &length);
+        Data data(reinterpret_cast<uint8_t*>(bytes), reinterpret_cast<uint8_t*>(bytes) + length);
+        free(bytes);
+        return Value(std::move(data));
+    }
+    case PLIST_DATE: {
+        int32_t sec = 0, usec = 0;
+        plist_get_date_val(node, &sec, &usec);
+        return Value(Date{kEpochOffset + sec + usec / 1e6});
+    }
+    case PLIST_UID: {
+        uint64_t u = 0;
+        plist_get_uid_val(node, &u);
+        return Value(u);
+    }
+    case PLIST_ARRAY: {
+        Array out;
+        uint32_t n = plist_array_get_size(node);
+        out.reserve(n);
+        for (uint32_t i = 0; i < n; ++i) out.push_back(fromNode(plist_array_get_item(node, i), depth + 1));
+        return Value(std::move(out));
+    }
+    case PLIST_DICT: {
+        Dictionary out;
+        plist_dict_iter it = nullptr;
+        plist_dict_new_iter(node, &it);
+        for (;;) {
+            char* key = nullptr;
+            plist_t item = nullptr;
+            plist_dict_next_item(node, it, &key, &item);
+            if (!item) {
+                free(key);
+                break;
+            }
+            out.set(key ? key : "", fromNode(item, depth + 1));
+            free(key);
+        }
+        free(it);
+        return Value(std::move(out));
+    }
+    default: return Value();
+    }
+}
+
+plist_t bigUnsignedNode(uint64_t u) {
+    // Only the XML parser makes an integer node that both writers treat as unsigned.
+    std::string xml = "<plist version=\"1.0\"><integer>" + std::to_string(u) + "</integer></plist>";
+    plist_t node = nullptr;
+    plist_from_xml(xml.data(), uint32_t(xml.size()), &node);
+    return node ? node : plist_new_uint(u);
+}
+
+plist_t toNode(const Value& value) {
+    switch (value.type()) {
+    case Value::Type::Null:
+    case Value::Type::Foreign: return nullptr;
+    case Value::Type::Boolean: return plist_new_bool(*value.boolean());
+    case Value::Type::Integer: return plist_new_uint(uint64_t(*value.integer()));
+    case Value::Type::UnsignedInteger: {
+        uint64_t u = *value.unsignedInteger();
+        return u > uint64_t(INT64_MAX) ? bigUnsignedNode(u) : plist_new_uint(u);
+    }
+    case Value::Type::Real: return plist_new_real(*value.real());
+    case Value::Type::String: return plist_new_string(value.string()->c_str());
+    case Value::Type::Data: {
+        const Data& d = *value.data();
+        return plist_new_data(reinterpret_cast<const char*>(d.data()), d.size());
+    }
+    case Value::Type::Date: {
+        double t = value.date()->secondsSince1970 - kEpochOffset;
+        double whole = std::floor(t);
+        return plist_new_date(int32_t(whole), int32_t(std::lround((t - whole) * 1e6)));
+    }
+    case Value::Type::Array: {
+        plist_t node = plist_new_array();
+        for (const auto& item : *value.array())
+            if (plist_t child = toNode(item)) plist_array_append_item(node, child);
+        return node;
+    }
+    case Value::Type::Dictionary: {
+        plist_t node = plist_new_dict();
+        for (const auto& [key, item] : *value.dictionary())
+            if (plist_t child = toNode(item)) plist_dict_set_item(node, key.c_str(), child);
+        return node;
+    }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+std::optional<Value> readBytes(std::span<const uint8_t> bytes) {
+    if (bytes.empty() || bytes.size() > UINT32_MAX) return std::nullopt;
+    plist_t node = nullptr;
+    plist_from_memory(reinterpret_cast<const char*>(bytes.data()), uint32_t(bytes.size()), &node);
+    if (!node) return std::nullopt;
+    Node owner(node);
+    return fromNode(node, 0);
+}
+
+std::optional<Value> readFile(const std::string& path) {
+    auto bytes = fs::readFile(path);
+    if (!bytes) return std::nullopt;
+    return readBytes(*bytes);
+}
+
+std::optional<Dictionary> readDictionaryFile(const std::string& path) {
+    auto value = readFile(path);
+    if (!value || !value->dictionary()) return std::nullopt;
+    return std::move(*value->dictionary());
+}
+
+std::optional<Array> readArrayFile(const std::string& path) {
+    auto value = readFile(path);
+    if (!value || !value->array()) return std::nullopt;
+    return std::move(*value->array());
+}
+
+std::string toXML(const Value& value) {
+    Node node(toNode(value));
+    if (!node) node.reset(plist_new_string(""));
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(static_cast<plist_t>(node.get()), &xml, &length);
+    std::string out;
+    out.reserve(length);
+    for (uint32_t i = 0; i < length; ++i) {
+        // libplist writes a carriage return raw, and XML readers normalise a raw one to a
+        // line feed; the writer itself only ever emits line feeds between elements.
+        if (xml[i] == '\r')
+            out += "&#13;";
+        else
+            out += xml[i];
+    }
+    plist_to_xml_free(xml);
+    return out;
+}
+
+Data toBinary(const Value& value) {
+    Node node(toNode(value));
+    if (!node) node.reset(plist_new_string(""));
+    char* bin = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(static_cast<plist_t>(node.get()), &bin, &length);
+    Data out(reinterpret_cast<uint8_t*>(bin), reinterpret_cast<uint8_t*>(bin) + length);
+    plist_to_bin_free(bin);
+    return out;
+}
+
+bool writeXMLFile(const Value& value, const std::string& path, Error* error) {
+    std::string xml = toXML(value);
+    return fs::writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t*>(xml.data()), xml.size()), error);
+}
+
+}  // namespace platform::plist

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Builds and runs the whole suite twice: a normal build, and one with
+# AddressSanitizer and UndefinedBehaviorSanitizer. Fails when a test fails or none ran.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+run_suite() {
+  local dir=$1; shift
+  bash scripts/setup.sh "$dir" -DFERRYHOLD_WERROR=ON "$@"
+  (cd "$dir" && ctest -j2 --output-on-failure --no-tests=error --timeout 600)
+}
+
+run_suite build
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite build-asan -DFERRYHOLD_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRYHOLD_BENCH=OFF
+echo "test.sh: both suites passed"

@@ -1,0 +1,29 @@
+// A fresh temporary directory for one test, removed with everything in it.
+#pragma once
+
+#include <string>
+
+namespace testsupport {
+
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    // path() joined with a relative path.
+    std::string operator/(const std::string& relative) const;
+
+private:
+    std::string path_;
+};
+
+// Writes `contents` to `path`, creating parent directories.
+void writeFile(const std::string& path, const std::string& contents);
+std::string readFile(const std::string& path);
+// Runs a shell command and returns its standard output; `status` receives the exit status.
+std::string runCommand(const std::string& command, int* status = nullptr);
+
+}  // namespace testsupport
