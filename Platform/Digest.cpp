@@ -1,0 +1,98 @@
+#include "Platform/Digest.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <unistd.h>
+
+namespace platform::digest {
+
+namespace {
+const EVP_MD* evpFor(Algorithm a) {
+    switch (a) {
+    case Algorithm::SHA1: return EVP_sha1();
+    case Algorithm::MD5: return EVP_md5();
+    case Algorithm::SHA256: return EVP_sha256();
+    case Algorithm::SHA512: return EVP_sha512();
+    }
+    return EVP_sha1();
+}
+}  // namespace
+
+size_t length(Algorithm a) {
+    switch (a) {
+    case Algorithm::SHA1: return 20;
+    case Algorithm::MD5: return 16;
+    case Algorithm::SHA256: return 32;
+    case Algorithm::SHA512: return 64;
+    }
+    return 0;
+}
+
+std::optional<Algorithm> fromName(std::string_view name) {
+    if (name == "sha1") return Algorithm::SHA1;
+    if (name == "md5") return Algorithm::MD5;
+    if (name == "sha256") return Algorithm::SHA256;
+    if (name == "sha512") return Algorithm::SHA512;
+    return std::nullopt;
+}
+
+struct Hasher::State {
+    EVP_MD_CTX* ctx = nullptr;
+    ~State() { EVP_MD_CTX_free(ctx); }
+};
+
+Hasher::Hasher(Algorithm algorithm) : state_(std::make_unique<State>()) {
+    state_->ctx = EVP_MD_CTX_new();
+    EVP_DigestInit_ex(state_->ctx, evpFor(algorithm), nullptr);
+}
+
+Hasher::~Hasher() = default;
+
+void Hasher::update(std::span<const uint8_t> bytes) {
+    if (!bytes.empty()) EVP_DigestUpdate(state_->ctx, bytes.data(), bytes.size());
+}
+
+Data Hasher::finish() {
+    Data out(EVP_MAX_MD_SIZE);
+    unsigned int n = 0;
+    EVP_DigestFinal_ex(state_->ctx, out.data(), &n);
+    out.resize(n);
+    return out;
+}
+
+Data compute(Algorithm algorithm, std::span<const uint8_t> bytes) {
+    Hasher h(algorithm);
+    h.update(bytes);
+    return h.finish();
+}
+
+std::optional<Data> ofFile(Algorithm algorithm, const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    Hasher h(algorithm);
+    std::vector<uint8_t> buf(1 << 16);
+    for (;;) {
+        ssize_t n = read(fd, buf.data(), buf.size());
+        if (n < 0) {
+            close(fd);
+            return std::nullopt;
+        }
+        if (n == 0) break;
+        h.update(std::span(buf.data(), size_t(n)));
+    }
+    close(fd);
+    return h.finish();
+}
+
+std::string hex(std::span<const uint8_t> bytes) {
+    static const char* digits = "0123456789abcdef";
+    std::string out;
+    out.reserve(bytes.size() * 2);
+    for (uint8_t b : bytes) {
+        out += digits[b >> 4];
+        out += digits[b & 15];
+    }
+    return out;
+}
+
+}  // namespace platform::digest
