@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
+#include <unordered_map>
 
 #include "Platform/Path.h"
 
@@ -193,20 +194,38 @@ void setRealUserIDOverride(std::optional<uid_t> uid) {
     uidOverride = uid;
 }
 
+namespace {
+// Account names are looked up once per id: walks ask for them for every item.
+template <typename Lookup>
+std::optional<std::string> cachedName(std::unordered_map<unsigned, std::optional<std::string>>& cache, unsigned id,
+                                      Lookup lookup) {
+    static std::mutex mutex;
+    std::lock_guard lock(mutex);
+    auto it = cache.find(id);
+    if (it != cache.end()) return it->second;
+    return cache[id] = lookup(id);
+}
+std::unordered_map<unsigned, std::optional<std::string>> userNames, groupNames;
+}  // namespace
+
 std::optional<std::string> userName(uid_t uid) {
-    struct passwd pw {};
-    struct passwd* result = nullptr;
-    char buf[4096];
-    if (getpwuid_r(uid, &pw, buf, sizeof buf, &result) != 0 || !result) return std::nullopt;
-    return std::string(pw.pw_name);
+    return cachedName(userNames, uid, [](unsigned id) -> std::optional<std::string> {
+        struct passwd pw {};
+        struct passwd* result = nullptr;
+        char buf[4096];
+        if (getpwuid_r(id, &pw, buf, sizeof buf, &result) != 0 || !result) return std::nullopt;
+        return std::string(pw.pw_name);
+    });
 }
 
 std::optional<std::string> groupName(gid_t gid) {
-    struct group gr {};
-    struct group* result = nullptr;
-    char buf[4096];
-    if (getgrgid_r(gid, &gr, buf, sizeof buf, &result) != 0 || !result) return std::nullopt;
-    return std::string(gr.gr_name);
+    return cachedName(groupNames, gid, [](unsigned id) -> std::optional<std::string> {
+        struct group gr {};
+        struct group* result = nullptr;
+        char buf[4096];
+        if (getgrgid_r(id, &gr, buf, sizeof buf, &result) != 0 || !result) return std::nullopt;
+        return std::string(gr.gr_name);
+    });
 }
 
 }  // namespace platform::fs
