@@ -1,0 +1,47 @@
+// Bundles: directories with a bundle extension that hold an information dictionary
+// at Contents/Info.plist, Resources/Info.plist or Info.plist (looked for in that order).
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "Platform/Value.h"
+
+namespace platform {
+
+class Bundle {
+public:
+    // Keys of the information dictionary.
+    static constexpr const char* kIdentifierKey = "CFBundleIdentifier";
+    static constexpr const char* kShortVersionStringKey = "CFBundleShortVersionString";
+    static constexpr const char* kVersionKey = "CFBundleVersion";
+
+    // The bundle at the path; absent when the path is not a bundle. An information
+    // dictionary that cannot be read counts as empty.
+    static std::optional<Bundle> open(const std::string& path);
+    // Whether the path is a directory with a bundle extension holding an information dictionary.
+    static bool isBundle(const std::string& path);
+    // Whether the extension (without the dot) is one that bundles carry.
+    static bool isBundleExtension(const std::string& extension);
+
+    const std::string& bundlePath() const { return bundlePath_; }
+    const Dictionary& infoDictionary() const { return info_; }
+    // Contents/Resources for the Contents/ layout, Resources for the Resources/ layout,
+    // the bundle directory itself for the flat layout.
+    const std::string& resourcePath() const { return resourcePath_; }
+
+    // String values of the information dictionary; absent when missing or not strings.
+    std::optional<std::string> identifier() const;
+    std::optional<std::string> shortVersionString() const;
+    std::optional<std::string> version() const;
+
+private:
+    Bundle(std::string bundlePath, std::string resourcePath, Dictionary info);
+    std::optional<std::string> string(const char* key) const;
+
+    std::string bundlePath_;
+    std::string resourcePath_;
+    Dictionary info_;
+};
+
+}  // namespace platform
