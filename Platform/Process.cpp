@@ -1,0 +1,122 @@
+#include "Platform/Process.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "Platform/FileSystem.h"
+
+extern char** environ;
+
+namespace platform {
+
+namespace {
+
+// How long a terminated child may take to exit before it is killed outright.
+constexpr auto kTerminationGrace = std::chrono::seconds(2);
+constexpr auto kPollInterval = std::chrono::milliseconds(5);
+
+class SpawnFileActions {
+public:
+    SpawnFileActions() { posix_spawn_file_actions_init(&actions_); }
+    ~SpawnFileActions() { posix_spawn_file_actions_destroy(&actions_); }
+    posix_spawn_file_actions_t* get() { return &actions_; }
+
+private:
+    posix_spawn_file_actions_t actions_;
+};
+
+}  // namespace
+
+std::unique_ptr<Process> Process::spawn(const std::string& path, const std::vector<std::string>& arguments,
+                                        Error* error) {
+    int fds[2];
+    // Close-on-exec, so that no other child started meanwhile keeps a copy of the pipe.
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        if (error) *error = fs::posixError(errno, path);
+        return nullptr;
+    }
+    SpawnFileActions actions;
+    posix_spawn_file_actions_adddup2(actions.get(), fds[1], STDOUT_FILENO);
+
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(path.c_str()));
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+
+    pid_t pid = 0;
+    int result = posix_spawn(&pid, path.c_str(), actions.get(), nullptr, argv.data(), environ);
+    close(fds[1]);
+    if (result != 0) {
+        close(fds[0]);
+        if (error) *error = fs::posixError(result, path);
+        return nullptr;
+    }
+    return std::unique_ptr<Process>(new Process(pid, fds[0]));
+}
+
+Process::~Process() {
+    closeOutput();
+    if (exitStatus_) return;
+    if (isRunning()) {
+        terminate();
+        auto deadline = std::chrono::steady_clock::now() + kTerminationGrace;
+        while (isRunning() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(kPollInterval);
+        if (isRunning()) kill(pid_, SIGKILL);
+    }
+    waitUntilExit();
+}
+
+ssize_t Process::readOutput(std::span<char> buffer) {
+    if (outputFD_ < 0) return -1;
+    for (;;) {
+        ssize_t n = read(outputFD_, buffer.data(), buffer.size());
+        if (n >= 0 || errno != EINTR) return n;
+    }
+}
+
+void Process::closeOutput() {
+    if (outputFD_ < 0) return;
+    close(outputFD_);
+    outputFD_ = -1;
+}
+
+void Process::_recordWaitStatus(int status) {
+    if (WIFEXITED(status))
+        exitStatus_ = WEXITSTATUS(status);
+    else if (WIFSIGNALED(status))
+        exitStatus_ = 128 + WTERMSIG(status);
+}
+
+bool Process::isRunning() {
+    if (exitStatus_) return false;
+    int status = 0;
+    pid_t result = waitpid(pid_, &status, WNOHANG);
+    if (result == pid_) _recordWaitStatus(status);
+    if (result < 0) exitStatus_ = -1;  // not our child any more: nothing left to wait for
+    return !exitStatus_;
+}
+
+void Process::terminate() {
+    // Only before reaping: afterwards the id may belong to another process.
+    if (isRunning()) kill(pid_, SIGTERM);
+}
+
+int Process::waitUntilExit() {
+    while (!exitStatus_) {
+        int status = 0;
+        pid_t result = waitpid(pid_, &status, 0);
+        if (result == pid_)
+            _recordWaitStatus(status);
+        else if (result < 0 && errno != EINTR)
+            exitStatus_ = -1;
+    }
+    return *exitStatus_;
+}
+
+}  // namespace platform
