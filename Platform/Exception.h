@@ -34,3 +34,10 @@ private:
         if (!(condition))                                                                                  \
             ::platform::assertionFailure((operation), __FILE__, __LINE__, #condition, (description));     \
     } while (0)
+
+// The same, reporting a fixed line number: for assertions whose report names a line
+// that callers and documentation rely on.
+#define FH_ASSERT_AT_LINE(operation, line, condition, description)                                       \
+    do {                                                                                                   \
+        if (!(condition)) ::platform::assertionFailure((operation), __FILE__, (line), #condition, (description)); \
+    } while (0)

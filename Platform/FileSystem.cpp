@@ -43,12 +43,8 @@ const char* fileTypeForMode(mode_t mode) {
     }
 }
 
-std::optional<Dictionary> attributes(const std::string& path, Error* error) {
-    struct statx sx {};
-    if (path.empty() || statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) {
-        fail(error, path, path.empty() ? ENOENT : errno);
-        return std::nullopt;
-    }
+namespace {
+Dictionary attributesFromStatx(const struct statx& sx) {
     auto date = [](const struct statx_timestamp& t) { return Date{double(t.tv_sec) + t.tv_nsec / 1e9}; };
     Dictionary d;
     d.set(kFileType, fileTypeForMode(sx.stx_mode));
@@ -61,6 +57,42 @@ std::optional<Dictionary> attributes(const std::string& path, Error* error) {
     if (auto name = groupName(sx.stx_gid)) d.set(kFileGroupOwnerAccountName, *name);
     d.set(kFilePosixPermissions, uint64_t(sx.stx_mode & 07777));
     return d;
+}
+}  // namespace
+
+std::optional<Dictionary> attributes(const std::string& path, Error* error) {
+    struct statx sx {};
+    if (path.empty() || statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) {
+        fail(error, path, path.empty() ? ENOENT : errno);
+        return std::nullopt;
+    }
+    return attributesFromStatx(sx);
+}
+
+std::optional<Data> readRegularFileNoFollow(const std::string& path, Dictionary* attributes) {
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    struct statx sx {};
+    if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0 || !S_ISREG(sx.stx_mode)) {
+        close(fd);
+        return std::nullopt;
+    }
+    Data out;
+    out.reserve(size_t(sx.stx_size));
+    uint8_t buf[65536];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            close(fd);
+            return std::nullopt;
+        }
+        if (n == 0) break;
+        out.insert(out.end(), buf, buf + n);
+    }
+    close(fd);
+    if (attributes) *attributes = attributesFromStatx(sx);
+    return out;
 }
 
 bool exists(const std::string& path, bool* isDirectory) {

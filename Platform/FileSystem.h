@@ -52,6 +52,11 @@ std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& p
 
 std::optional<Data> readFile(const std::string& path, Error* error = nullptr);
 
+// Reads a regular file without following a symbolic link at `path`, and gives the
+// attributes of the very file that was read (no race between check and read).
+// Absent for a link, a directory or anything else that is not a regular file.
+std::optional<Data> readRegularFileNoFollow(const std::string& path, Dictionary* attributes);
+
 // Writes through a temporary file beside `path` created with O_CREAT|O_EXCL|O_NOFOLLOW
 // and mode 0666 (so the result is 0666 & ~umask), then renames it into place. Never
 // writes through a symbolic link at either path.
