@@ -1,12 +1,52 @@
-// The reaper command. Its analysis arrives with the path analyzer; until then it
-// only checks its arguments.
+// reaper <volume root> <target system version>
+//
+// Prints, as one XML property list on standard output, the paths of the volume that an
+// installation of the target release reaps ("ReapablePaths") and the space they take
+// ("ReapableSize"). Standard output is pointed at standard error for the whole
+// analysis, so nothing it prints can spoil the document. Exit statuses: 0 printed,
+// 1 too few arguments, 2 standard output could not be diverted or restored,
+// 3 the analysis gave no answer.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <unistd.h>
 
-int main(int argc, char** argv) {
-    (void)argv;
-    if (argc < 3) {
-        fprintf(stderr, "usage: reaper <volume root> <target system version>");
-        return 1;
+#include "FHPathAnalysis/PathAnalyzer/FHPathAnalyzer.h"
+#include "Platform/PropertyList.h"
+
+namespace {
+
+int reaperMain(int argc, char** argv) {
+    if (argc < 3) return 1;
+    std::string rootPath = argv[1];
+    std::string targetVersion = argv[2];
+    auto analyzer = FHPathAnalyzer::initWithRootPath(rootPath);
+
+    int savedStdout = dup(1);
+    if (dup2(2, 1) < 0) {
+        int code = errno;
+        fprintf(stderr, "failed to pipe stdout: %d %s", code, strerror(code));
+        return 2;
     }
-    return 3;
+    std::optional<uint64_t> size;
+    std::optional<FHPathAnalyzer::PathList> paths;
+    if (analyzer) paths = analyzer->prunedReaperPathsReturningSize(&size, targetVersion);
+    fflush(stdout);
+    if (!paths || !size) return 3;
+
+    platform::Array reapable(paths->begin(), paths->end());
+    platform::Dictionary result{{"ReapableSize", *size}, {"ReapablePaths", std::move(reapable)}};
+    std::string document = platform::plist::toXML(platform::Value(std::move(result)));
+
+    if (dup2(savedStdout, 1) < 0) {
+        int code = errno;
+        fprintf(stderr, "failed to unpipe stdout: %d %s", code, strerror(code));
+        return 2;
+    }
+    printf("%s", document.c_str());
+    return 0;
 }
+
+}  // namespace
+
+int main(int argc, char** argv) { return reaperMain(argc, argv); }

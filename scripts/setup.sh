@@ -2,6 +2,7 @@
 # Installs the Debian packages the build and the tests need (only those missing),
 # then configures and builds one build directory.
 #   scripts/setup.sh [BUILD_DIR] [extra cmake arguments...]
+# FERRYHOLD_TARGETS, when set, names the targets to build instead of all of them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,4 +28,5 @@ fi
 build_dir=${1:-build}
 shift || true
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release "$@" >/dev/null
-cmake --build "$build_dir"
+# shellcheck disable=SC2086
+cmake --build "$build_dir" ${FERRYHOLD_TARGETS:+--target $FERRYHOLD_TARGETS}

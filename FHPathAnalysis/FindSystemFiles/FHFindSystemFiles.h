@@ -19,13 +19,15 @@
 #include "Platform/DirectoryEnumerator.h"
 #include "Platform/Value.h"
 
+namespace crateworks {
 class CWReceipt;
+}
 
 class FHFindSystemFiles {
 public:
     using PathList = std::vector<std::string>;
     using PathSet = std::unordered_set<std::string>;
-    using ReceiptList = std::vector<std::shared_ptr<CWReceipt>>;
+    using ReceiptList = std::vector<std::shared_ptr<crateworks::CWReceipt>>;
 
     static constexpr const char* kSystemGroup = "com.quarn.FindSystemFiles.pkg-group";
     static constexpr const char* kPrintersGroup = "com.quarn.TamarindPrinters.pkg-group";

@@ -1,0 +1,100 @@
+#include "FHPathAnalysis/FindSystemFiles/FHSystemPathCache.h"
+
+#include <sys/stat.h>
+
+#include "FHPathAnalysis/ConfMigrator/FHConfMigrator.h"
+#include "FHPathAnalysis/FindSystemFiles/FHFindSystemFiles.h"
+#include "Platform/FileSystem.h"
+#include "Platform/Log.h"
+#include "Platform/Path.h"
+#include "Platform/PropertyList.h"
+#include "Platform/Strings.h"
+
+namespace fs = platform::fs;
+using platform::consoleLog;
+using platform::Date;
+
+namespace {
+
+constexpr double kFallbackTrustSeconds = 604800;  // a week
+
+std::optional<Date> modificationDate(const platform::Dictionary& attributes) {
+    auto* date = attributes.find(fs::kFileModificationDate);
+    return date ? date->date() : std::nullopt;
+}
+
+// A date that cannot be obtained passes.
+bool notLater(const std::optional<Date>& date, const Date& cacheDate) { return !date || *date <= cacheDate; }
+
+std::optional<Date> resolvedModificationDate(const std::string& file) {
+    struct stat st {};
+    if (file.empty() || stat(file.c_str(), &st) != 0) return std::nullopt;
+    return Date{double(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9};
+}
+
+bool ownedByRootWithMode0644(const platform::Dictionary& attributes) {
+    auto* type = attributes.findString(fs::kFileType);
+    auto* owner = attributes.find(fs::kFileOwnerAccountID);
+    auto* group = attributes.find(fs::kFileGroupOwnerAccountID);
+    auto* mode = attributes.find(fs::kFilePosixPermissions);
+    return type && *type == fs::kFileTypeRegular && owner && owner->unsignedInteger() == 0u && group &&
+           group->unsignedInteger() == 0u && mode && mode->unsignedInteger() == 0644u;
+}
+
+}  // namespace
+
+FHSystemPathCache::FHSystemPathCache(std::string root, std::optional<Date> latestReceiptDate)
+    : path_(platform::path::appendComponent(root, kCachePath)), latestReceiptDate_(latestReceiptDate) {}
+
+bool FHSystemPathCache::datesAllow(const platform::Dictionary& attributes) const {
+    auto cacheDate = modificationDate(attributes);
+    if (!cacheDate) return true;
+    auto exclusionList = FHFindSystemFiles::_systemExclusionPlistPath();
+    if (!notLater(resolvedModificationDate(exclusionList.value_or("")), *cacheDate)) return false;
+    Date receiptDate = latestReceiptDate_.value_or(Date{Date::now().secondsSince1970 - kFallbackTrustSeconds});
+    if (!notLater(receiptDate, *cacheDate)) return false;
+    return notLater(FHConfMigrator::latestCMDataDate(), *cacheDate);
+}
+
+std::optional<std::vector<std::string>> FHSystemPathCache::read() const {
+    // Read the very file whose owner and mode are judged: a link is refused, not followed.
+    platform::Dictionary attributes;
+    auto bytes = fs::readRegularFileNoFollow(path_, &attributes);
+    if (!bytes || !ownedByRootWithMode0644(attributes) || !datesAllow(attributes)) return std::nullopt;
+    auto cache = platform::plist::readBytes(*bytes);
+    const platform::Dictionary* dictionary = cache ? cache->dictionary() : nullptr;
+    if (!dictionary) return std::nullopt;
+    const platform::Array* paths = dictionary->findArray("systemPaths");
+    const std::string* cachedVersion = dictionary->findString("MigrationDatabaseVersion");
+    if (!paths || !cachedVersion) return std::nullopt;
+
+    // An unknown current version cannot vouch for any cache.
+    auto current = FHConfMigrator::mostRecentMigrationDataVersion();
+    if (!current) return std::nullopt;
+    if (platform::str::numericCompare(*cachedVersion, *current) < 0) {
+        consoleLog("This cache was generated against v`" + *cachedVersion + "'. v`" + *current + "' is available.");
+        return std::nullopt;
+    }
+    consoleLog("Using system path cache v`" + *cachedVersion + "'.");
+    std::vector<std::string> out;
+    out.reserve(paths->size());
+    for (const auto& item : *paths)
+        if (auto* s = item.string()) out.push_back(*s);
+    return out;
+}
+
+void FHSystemPathCache::write(const std::vector<std::string>& systemPaths) const {
+    if (fs::realUserID() != 0) {
+        consoleLog("Not writing system path cache because you are not root.");
+        return;
+    }
+    platform::Array paths(systemPaths.begin(), systemPaths.end());
+    platform::Dictionary cache{{"systemPaths", std::move(paths)}};
+    if (auto version = FHConfMigrator::mostRecentMigrationDataVersion()) cache.set("MigrationDatabaseVersion", *version);
+    if (fs::existsNoFollow(path_) && !fs::removeItem(path_)) return;
+    consoleLog("Writing system path cache.");
+    if (!platform::plist::writeXMLFile(platform::Value(std::move(cache)), path_) &&
+        path_.find("Backups.backupdb") == std::string::npos)
+        consoleLog("FSF cache NOT written: " + path_);
+    fs::setOwner(path_, 0, 0);
+}

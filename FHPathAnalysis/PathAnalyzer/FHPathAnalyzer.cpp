@@ -1,0 +1,179 @@
+#include "FHPathAnalysis/PathAnalyzer/FHPathAnalyzer.h"
+
+#include <algorithm>
+#include <map>
+
+#include "FHPathAnalysis/ConfMigrator/FHConfMigrator.h"
+#include "FHPathAnalysis/FindSystemFiles/FHFindSystemFiles.h"
+#include "FHPathAnalysis/PathAnalyzer/FHStringPredicate.h"
+#include "FHPathAnalysis/Support/FileSizer.h"
+#include "Platform/Exception.h"
+#include "Platform/FileSystem.h"
+#include "Platform/Log.h"
+#include "Platform/Path.h"
+#include "Platform/PropertyList.h"
+#include "Platform/Strings.h"
+
+namespace path = platform::path;
+namespace str = platform::str;
+
+namespace {
+
+std::mutex tableLock;
+std::map<std::string, std::shared_ptr<FHPathAnalyzer>>& analyzerTable() {
+    static std::map<std::string, std::shared_ptr<FHPathAnalyzer>> table;
+    return table;
+}
+
+// Keeps the paths that do not begin with `prefix`, as NOT (SELF BEGINSWITH "prefix").
+void dropPathsBeginningWith(std::vector<std::string>& paths, const std::string& prefix) {
+    std::erase_if(paths, [&](const std::string& p) { return str::hasPrefix(p, prefix); });
+}
+
+// Keeps the paths for which the filter holds; a filter that does not parse keeps them all.
+void filterPaths(std::vector<std::string>& paths, const std::string& filterText) {
+    auto filter = FHStringPredicate::predicateWithFormat(filterText);
+    if (!filter) {
+        platform::consoleLog("Ignoring a filter that cannot be parsed: " + filterText);
+        return;
+    }
+    std::erase_if(paths, [&](const std::string& p) { return !filter->evaluateWithObject(p); });
+}
+
+std::optional<std::string> installedSystemVersion(const std::string& root) {
+    // Plain concatenation: a root of "/" gives a path beginning with two slashes.
+    auto version = platform::plist::readDictionaryFile(root + "/System/Library/CoreServices/SystemVersion.plist");
+    if (!version) return std::nullopt;
+    if (auto* text = version->findString("ProductVersion")) return *text;
+    return std::nullopt;
+}
+
+bool upgradeFromTamarindOrLater(const std::optional<std::string>& installed, const std::string& target) {
+    // A missing installed version counts as older than any release.
+    if (!installed) return false;
+    return str::numericCompare("10.7", target) <= 0 && str::numericCompare("10.6", *installed) <= 0;
+}
+
+}  // namespace
+
+// ---- The table ----
+
+std::shared_ptr<FHPathAnalyzer> FHPathAnalyzer::initWithRootPath(const std::optional<std::string>& rootPath) {
+    return initWithRootPath(rootPath, std::nullopt);
+}
+
+std::shared_ptr<FHPathAnalyzer> FHPathAnalyzer::initWithRootPath(const std::optional<std::string>& rootPath,
+                                                                 const std::optional<std::string>& withFallbackFile) {
+    std::lock_guard lock(tableLock);
+    auto& table = analyzerTable();
+    if (rootPath) {
+        if (auto it = table.find(*rootPath); it != table.end()) return it->second;
+    }
+    auto analyzer = _initWithRootPath(rootPath, withFallbackFile);
+    if (analyzer) table[*rootPath] = analyzer;
+    return analyzer;
+}
+
+void FHPathAnalyzer::clearSizingCache() {
+    std::lock_guard lock(tableLock);
+    analyzerTable().clear();
+}
+
+std::shared_ptr<FHPathAnalyzer> FHPathAnalyzer::_initWithRootPath(const std::optional<std::string>& rootPath,
+                                                                  const std::optional<std::string>& withFallbackFile) {
+    FH_ASSERT_AT_LINE("-[FHPathAnalyzer _initWithRootPath:withFallbackFile:]", 43, rootPath, "rootPath");
+    if (!str::hasPrefix(*rootPath, "/")) return nullptr;
+    std::shared_ptr<FHPathAnalyzer> analyzer(new FHPathAnalyzer());
+    analyzer->_rootPath = path::standardize(*rootPath);
+    analyzer->_fsf = FHFindSystemFiles::initWithRootPath(*rootPath, withFallbackFile);
+    if (!analyzer->_fsf) return nullptr;
+    return analyzer;
+}
+
+FHPathAnalyzer::~FHPathAnalyzer() = default;
+
+void FHPathAnalyzer::cancel() {
+    _fsf->cancel();
+    FileSizer::cancel();
+    _isCancelled = true;
+}
+
+// ---- System paths ----
+
+std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedSystemPaths() {
+    return prunedSystemPathsReturningSize(nullptr);
+}
+
+std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedSystemPathsReturningSize(std::optional<uint64_t>* size) {
+    std::lock_guard lock(_lock);
+    _isCancelled = false;
+    _fsf->addPrunePaths(FHConfMigrator::allConfigPathsAtPath(_rootPath));
+    _fsf->addPrunePaths(FHConfMigrator::allUserPathsAtPath(_rootPath));
+    auto systemPaths = _fsf->systemPaths();
+    if (!systemPaths) return std::nullopt;
+    PathList paths = std::move(*systemPaths);
+    _superPruneForExpressions({"com.quarn.user*pictureCache*"}, false, "/Library/Caches", paths);
+    if (size) *size = FileSizer::sizeForPaths(paths, _rootPath);
+    return paths;
+}
+
+// ---- Reapable paths ----
+
+std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedReaperPathsReturningSize(
+    std::optional<uint64_t>* size, const std::optional<std::string>& targetSystemVersionString) {
+    auto systemPaths = prunedSystemPaths();
+    if (!systemPaths) return std::nullopt;
+    PathList paths = std::move(*systemPaths);
+    for (const char* prefix : {"/Library/Receipts", "/Users", "/Backups.backupdb"}) dropPathsBeginningWith(paths, prefix);
+
+    if (targetSystemVersionString &&
+        upgradeFromTamarindOrLater(installedSystemVersion(_rootPath), *targetSystemVersionString)) {
+        // Each path is pasted into the filter's text, so its quotes, backslashes and
+        // percent signs act as the filter language reads them.
+        for (const auto& printerPath : _extraPrinterPathsForUpgradeFromTamarindOrBetter())
+            filterPaths(paths, "NOT (SELF BEGINSWITH \"" + printerPath + "\")");
+    }
+
+    for (const char* never : {".HFS+ Private Directory Data\r", "/.Beacon-V100", "/Backups.backupdb", "/private",
+                              "/Backups.backupdb", "/Users", ""})
+        std::erase(paths, std::string(never));
+    std::erase(paths, std::string("/Volumes"));
+
+    for (auto& extra : FHConfMigrator::extraPathsToReap()) paths.push_back(std::move(extra));
+    if (size) *size = FileSizer::sizeForPaths(paths, _rootPath);
+    return paths;
+}
+
+FHPathAnalyzer::PathList FHPathAnalyzer::_extraPrinterPathsForUpgradeFromTamarindOrBetter() {
+    PathList coalesced = _fsf->coalescedPathsForPackageGroup(
+        "com.quarn.TamarindPrinters.pkg-group",
+        {"/System/Library/Extensions", "/usr/libexec/cups/backend", "/Library/Pictgrab/Devices",
+         "/Library/Pictgrab/Support"},
+        true);
+    PathList printers;
+    auto existsOnVolume = [&](const std::string& p) { return platform::fs::existsNoFollow(path::appendComponent(_rootPath, p)); };
+    if (existsOnVolume("/Library/Printers")) printers.emplace_back("/Library/Printers");
+    for (auto& p : coalesced)
+        if (existsOnVolume(p)) printers.push_back(std::move(p));
+    return printers;
+}
+
+void FHPathAnalyzer::_superPruneForExpressions(const std::vector<std::string>& expressions, bool matching,
+                                               const std::string& fromPath, PathList& paths) {
+    if (!matching && std::find(paths.begin(), paths.end(), fromPath) == paths.end()) return;
+    auto names = platform::fs::contentsOfDirectory(path::appendComponent(_rootPath, fromPath));
+    if (!names) return;
+    // The negated terms are joined with OR: with several expressions and matching off, a
+    // name is kept when it fails at least one of them.
+    std::string text;
+    for (size_t i = 0; i < expressions.size(); ++i)
+        text += std::string(i ? " OR " : "") + "( " + (matching ? "" : "! ") + "SELF like \"" + expressions[i] + "\")";
+    auto filter = FHStringPredicate::predicateWithFormat(text);
+    if (!filter) return;
+    std::vector<std::string> kept;
+    for (const auto& name : *names)
+        if (filter->evaluateWithObject(name)) kept.push_back(name);
+    if (kept.empty() || (!matching && kept.size() == names->size())) return;
+    std::erase(paths, fromPath);
+    for (const auto& name : kept) paths.push_back(path::appendComponent(fromPath, name));
+}
