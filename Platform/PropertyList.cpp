@@ -184,15 +184,23 @@ std::string toXML(const Value& value) {
     char* xml = nullptr;
     uint32_t length = 0;
     plist_to_xml(static_cast<plist_t>(node.get()), &xml, &length);
+    std::string_view text(xml, length);
     std::string out;
-    out.reserve(length);
-    for (uint32_t i = 0; i < length; ++i) {
+    out.reserve(length + 64);
+    for (size_t i = 0; i < text.size(); ++i) {
+        // The optional document type line is left out: readers need only the root element.
+        if (text.compare(i, 9, "<!DOCTYPE") == 0) {
+            size_t end = text.find('>', i);
+            if (end == std::string_view::npos) break;
+            i = end + 1 < text.size() && text[end + 1] == '\n' ? end + 1 : end;
+            continue;
+        }
         // libplist writes a carriage return raw, and XML readers normalise a raw one to a
         // line feed; the writer itself only ever emits line feeds between elements.
-        if (xml[i] == '\r')
+        if (text[i] == '\r')
             out += "&#13;";
         else
-            out += xml[i];
+            out += text[i];
     }
     plist_to_xml_free(xml);
     return out;

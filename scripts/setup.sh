@@ -29,4 +29,4 @@ build_dir=${1:-build}
 shift || true
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release "$@" >/dev/null
 # shellcheck disable=SC2086
-cmake --build "$build_dir" ${FERRYHOLD_TARGETS:+--target $FERRYHOLD_TARGETS}
+cmake --build "$build_dir" ${FERRYHOLD_TARGETS:+--target $FERRYHOLD_TARGETS} >&2
