@@ -1,0 +1,151 @@
+#include "CrateworksCore/Package_API/Archive/HeapWriter.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+#include "CrateworksCore/Package_API/Archive/XarEncoding.h"
+
+namespace crateworks::xar {
+
+namespace {
+// Bounds the memory held by entries read ahead of the heap.
+constexpr size_t kMaxJobsInWindow = 256;
+constexpr uint64_t kMaxBytesInWindow = 64ull << 20;
+
+bool writeAt(int fd, const uint8_t* bytes, size_t size, uint64_t offset) {
+    while (size > 0) {
+        ssize_t n = pwrite(fd, bytes, size, off_t(offset));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        bytes += n;
+        size -= size_t(n);
+        offset += uint64_t(n);
+    }
+    return true;
+}
+}  // namespace
+
+HeapWriter::HeapWriter(int heapFd, uint64_t start, std::string checksumStyle, unsigned workers)
+    : heapFd_(heapFd), end_(start), checksumStyle_(std::move(checksumStyle)),
+      algorithm_(platform::digest::fromName(checksumStyle_).value_or(platform::digest::Algorithm::SHA1)) {
+    for (unsigned i = 0; i < workers; ++i) workers_.emplace_back([this] { _work(); });
+}
+
+HeapWriter::~HeapWriter() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    workAvailable_.notify_all();
+    for (auto& t : workers_) t.join();
+}
+
+void HeapWriter::_encode(Job& job) const {
+    if (job.encoded) {
+        job.output = std::move(job.input);
+        return;
+    }
+    DataInfo& r = job.result;
+    r.size = job.input.size();
+    r.extractedChecksumStyle = checksumStyle_;
+    r.extractedChecksum = platform::digest::hex(platform::digest::compute(algorithm_, job.input));
+    if (job.compress) {
+        job.output = deflate(job.input);
+        r.encoding = Encoding::Gzip;
+        r.archivedChecksumStyle = checksumStyle_;
+        r.archivedChecksum = platform::digest::hex(platform::digest::compute(algorithm_, job.output));
+    } else {
+        job.output = std::move(job.input);
+        r.encoding = Encoding::None;
+        r.archivedChecksumStyle = checksumStyle_;
+        r.archivedChecksum = r.extractedChecksum;
+    }
+    r.length = job.output.size();
+    job.input = {};
+}
+
+void HeapWriter::_work() {
+    for (;;) {
+        Job* job = nullptr;
+        {
+            std::unique_lock lock(mutex_);
+            workAvailable_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
+            if (pending_.empty()) return;
+            job = pending_.front();
+            pending_.pop_front();
+        }
+        _encode(*job);
+        {
+            std::lock_guard lock(mutex_);
+            job->done = true;
+        }
+        jobDone_.notify_all();
+    }
+}
+
+void HeapWriter::_submit(std::unique_ptr<Job> job) {
+    {
+        std::lock_guard lock(mutex_);
+        job->windowBytes = job->input.size();
+        bytesInWindow_ += job->windowBytes;
+        pending_.push_back(job.get());
+        window_.push_back(std::move(job));
+    }
+    workAvailable_.notify_one();
+    _drain(false);
+}
+
+void HeapWriter::add(DataInfo* target, platform::Data bytes, bool compress) {
+    auto job = std::make_unique<Job>();
+    job->target = target;
+    job->input = std::move(bytes);
+    job->compress = compress;
+    _submit(std::move(job));
+}
+
+void HeapWriter::addStored(DataInfo* target, platform::Data stored) {
+    auto job = std::make_unique<Job>();
+    job->target = target;
+    job->result = *target;
+    job->input = std::move(stored);
+    job->encoded = true;
+    _submit(std::move(job));
+}
+
+void HeapWriter::_drain(bool untilEmpty) {
+    for (;;) {
+        std::unique_ptr<Job> job;
+        {
+            std::unique_lock lock(mutex_);
+            auto full = [&] {
+                return untilEmpty ? !window_.empty()
+                                  : (window_.size() > kMaxJobsInWindow || bytesInWindow_ > kMaxBytesInWindow);
+            };
+            if (window_.empty()) return;
+            if (!window_.front()->done) {
+                if (!full()) return;
+                jobDone_.wait(lock, [&] { return window_.front()->done; });
+            }
+            job = std::move(window_.front());
+            window_.pop_front();
+        }
+        DataInfo result = job->result;
+        result.offset = end_;
+        if (!writeFailed_ && !writeAt(heapFd_, job->output.data(), job->output.size(), end_)) {
+            writeFailed_ = true;
+            writeErrno_ = errno;
+        }
+        end_ += job->output.size();
+        *job->target = std::move(result);
+        std::lock_guard lock(mutex_);
+        bytesInWindow_ -= job->windowBytes;
+    }
+}
+
+bool HeapWriter::finish() {
+    _drain(true);
+    if (writeFailed_) errno = writeErrno_;
+    return !writeFailed_;
+}
+
+}  // namespace crateworks::xar

@@ -1,0 +1,73 @@
+// Lays entry data into a XAR heap. Encoding and checksums run on worker threads while
+// the caller goes on adding entries; the bytes land in the heap in the order the
+// entries were added, so the archive comes out the same whatever the timing.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "CrateworksCore/Package_API/Archive/XarEntry.h"
+#include "Platform/Digest.h"
+#include "Platform/Value.h"
+
+namespace crateworks::xar {
+
+class HeapWriter {
+public:
+    // Data goes to `heapFd` from heap offset `start` on; `checksumStyle` names the
+    // algorithm of the archived and extracted checksums ("sha1", ...).
+    HeapWriter(int heapFd, uint64_t start, std::string checksumStyle, unsigned workers = 2);
+    ~HeapWriter();
+    HeapWriter(const HeapWriter&) = delete;
+    HeapWriter& operator=(const HeapWriter&) = delete;
+
+    // Queues an entry's extracted bytes, zlib-encoded when `compress` is set. `target`
+    // receives offset, length, size, encoding and checksums once the bytes are written.
+    void add(DataInfo* target, platform::Data bytes, bool compress);
+    // Queues bytes already encoded whose `target` is complete but for the offset.
+    void addStored(DataInfo* target, platform::Data stored);
+    // Waits for every queued entry. False when a write failed (errno kept).
+    bool finish();
+    // The heap's end so far.
+    uint64_t end() const { return end_; }
+
+private:
+    struct Job {
+        DataInfo* target = nullptr;
+        platform::Data input;
+        bool compress = false;
+        bool encoded = false;  // input is already the stored form
+        platform::Data output;
+        DataInfo result;
+        bool done = false;
+        uint64_t windowBytes = 0;
+    };
+    void _work();
+    void _encode(Job& job) const;
+    void _submit(std::unique_ptr<Job> job);
+    // Writes finished jobs from the front; with `wait`, until the window has room.
+    void _drain(bool untilEmpty);
+
+    int heapFd_;
+    uint64_t end_;
+    std::string checksumStyle_;
+    platform::digest::Algorithm algorithm_;
+    bool writeFailed_ = false;
+    int writeErrno_ = 0;
+
+    std::mutex mutex_;
+    std::condition_variable workAvailable_;
+    std::condition_variable jobDone_;
+    std::deque<std::unique_ptr<Job>> window_;  // in heap order
+    std::deque<Job*> pending_;                 // not yet taken by a worker
+    uint64_t bytesInWindow_ = 0;
+    bool stopping_ = false;
+    std::vector<std::thread> workers_;
+};
+
+}  // namespace crateworks::xar

@@ -1,0 +1,43 @@
+// Writes the entries of an open XAR archive below an extraction root: nothing is
+// created outside it, no link on the way is followed, and a file's checksums are
+// checked before it is renamed into place, so a damaged entry leaves nothing under
+// its real name.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "Platform/Error.h"
+#include "Platform/ExtractionRoot.h"
+
+namespace crateworks::xar {
+
+class XarExtractor {
+public:
+    XarExtractor(const XarHandle& archive, platform::ExtractionRoot& root);
+
+    // Writes one entry at `relativePath` below the root: a directory (with its mode and
+    // time at once), a file, or a symbolic link; other types are left out with a
+    // warning. False with a POSIX error, or the corrupt-file error naming the entry.
+    bool extractEntry(File file, const std::string& relativePath, platform::Error* error = nullptr);
+
+    // Writes every entry in TOC order, decoding files ahead on two threads, then sets
+    // the directories' modes and times deepest first. Stops at the first entry that
+    // fails; `failedPath` receives its path in the archive.
+    bool extractAll(std::string* failedPath = nullptr, platform::Error* error = nullptr);
+
+    // The entry's permission bits (its "mode" read as octal) and modification date.
+    static mode_t modeOf(File file, mode_t fallback);
+    static std::optional<platform::Date> modificationDateOf(File file);
+
+private:
+    bool _writeFile(File file, const std::string& relativePath, const platform::Data& bytes, platform::Error* error);
+    bool _streamFile(File file, const std::string& relativePath, platform::Error* error);
+    bool _extractSimple(File file, const std::string& relativePath, platform::Error* error);
+
+    const XarHandle& archive_;
+    platform::ExtractionRoot& root_;
+};
+
+}  // namespace crateworks::xar
