@@ -1,0 +1,265 @@
+#include "Platform/CatalogueSession.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <liburing.h>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "Platform/CatalogueIterator.h"
+
+namespace platform {
+
+namespace {
+
+// Requests outstanding at once: enough to keep the kernel's worker busy across many
+// small directories, small enough that the descriptors kept open for them stay few.
+constexpr unsigned kRingEntries = 256;
+// One kernel worker sizes while this thread lists; more only contend for two cores.
+constexpr unsigned kRingWorkers = 1;
+
+// Deferred task running (kernel 6.1 and later) spares the walk an interruption per
+// completion; older kernels refuse the flags and get a plain ring.
+int initRing(struct io_uring* ring) {
+    int rc = io_uring_queue_init(kRingEntries, ring, IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN);
+    if (rc == -EINVAL) rc = io_uring_queue_init(kRingEntries, ring, 0);
+    return rc;
+}
+
+struct Choice {
+    CatalogueSession::Method method;
+    std::string description;
+};
+
+Choice probeProcessChoice() {
+    using Method = CatalogueSession::Method;
+    if (getenv("FERRYHOLD_NO_IO_URING"))
+        return {Method::plainStatx, "FileSizer: plain statx (io_uring turned off by FERRYHOLD_NO_IO_URING)"};
+    struct io_uring ring {};
+    int rc = initRing(&ring);
+    if (rc < 0)
+        return {Method::plainStatx, fmt::format("FileSizer: plain statx (io_uring unavailable: {})", strerror(-rc))};
+    struct io_uring_probe* probe = io_uring_get_probe_ring(&ring);
+    bool statxSupported = probe && io_uring_opcode_supported(probe, IORING_OP_STATX);
+    if (probe) io_uring_free_probe(probe);
+    io_uring_queue_exit(&ring);
+    if (!statxSupported) return {Method::plainStatx, "FileSizer: plain statx (io_uring has no statx operation)"};
+    return {Method::ioUring, fmt::format("FileSizer: statx through io_uring, batches of {} submitted together",
+                                         CatalogueIterator::kBatchSize)};
+}
+
+const Choice& processChoice() {
+    static const Choice choice = probeProcessChoice();
+    return choice;
+}
+
+std::mutex& overrideMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+std::optional<CatalogueSession::Method>& methodOverride() {
+    static std::optional<CatalogueSession::Method> method;
+    return method;
+}
+
+uint64_t plainAllocatedSize(int directory, const char* name) {
+    struct statx sx {};
+    if (statx(directory, name, AT_SYMLINK_NOFOLLOW, STATX_BLOCKS, &sx) != 0) return 0;
+    return uint64_t(sx.stx_blocks) * 512;
+}
+
+}  // namespace
+
+struct CatalogueSession::Ring {
+    struct io_uring ring {};
+    bool deferredTaskRun = false;
+};
+
+struct CatalogueSession::Slot {
+    struct statx result {};
+    int directory = -1;
+    // Valid only while the request is queued, not yet submitted.
+    const char* name = nullptr;
+};
+
+CatalogueSession::Method CatalogueSession::processMethod() { return processChoice().method; }
+
+std::string CatalogueSession::processMethodDescription() { return processChoice().description; }
+
+void CatalogueSession::setMethodForTesting(std::optional<Method> method) {
+    std::lock_guard lock(overrideMutex());
+    methodOverride() = method;
+}
+
+CatalogueSession::CatalogueSession() : owner_(getpid()) {
+    std::optional<Method> wanted;
+    {
+        std::lock_guard lock(overrideMutex());
+        wanted = methodOverride();
+    }
+    if (!wanted) wanted = processMethod();
+    if (*wanted == Method::ioUring && _setUpRing()) method_ = Method::ioUring;
+}
+
+bool CatalogueSession::_setUpRing() {
+    auto ring = std::make_unique<Ring>();
+    if (initRing(&ring->ring) < 0) return false;
+    ring->deferredTaskRun = ring->ring.flags & IORING_SETUP_DEFER_TASKRUN;
+    unsigned workers[2] = {kRingWorkers, kRingWorkers};
+    io_uring_register_iowq_max_workers(&ring->ring, workers);
+    ring_ = std::move(ring);
+    slots_.resize(kRingEntries);
+    freeSlots_.reserve(kRingEntries);
+    for (uint32_t i = kRingEntries; i > 0; --i) freeSlots_.push_back(i - 1);
+    queued_.reserve(kRingEntries);
+    return true;
+}
+
+CatalogueSession::~CatalogueSession() {
+    if (!ring_) return;
+    // A ring inherited through fork belongs to the parent: leave its requests alone.
+    if (owner_ == getpid()) {
+        submit();
+        while (inFlight_ > 0 && ring_) _reap(true);
+    }
+    if (ring_) io_uring_queue_exit(&ring_->ring);
+}
+
+void CatalogueSession::addSizeOf(const CatalogueIterator& iterator, const CatalogueEntry& entry) {
+    if (entry.allocatedSize) {
+        total_ += *entry.allocatedSize;
+        return;
+    }
+    if (method_ == Method::plainStatx) {
+        total_ += plainAllocatedSize(iterator.descriptor(), entry.name);
+        return;
+    }
+    while (freeSlots_.empty() && method_ == Method::ioUring) {
+        submit();
+        if (freeSlots_.empty()) _reap(true);
+    }
+    if (method_ == Method::plainStatx) {
+        total_ += plainAllocatedSize(iterator.descriptor(), entry.name);
+        return;
+    }
+    uint32_t slot = freeSlots_.back();
+    freeSlots_.pop_back();
+    Slot& s = slots_[slot];
+    s.directory = iterator.descriptor();
+    s.name = entry.name;
+    _retain(s.directory);
+    // Every queued request holds a slot, and there are no more slots than ring entries.
+    struct io_uring_sqe* sqe = io_uring_get_sqe(&ring_->ring);
+    io_uring_prep_statx(sqe, s.directory, s.name, AT_SYMLINK_NOFOLLOW, STATX_BLOCKS, &s.result);
+    io_uring_sqe_set_data64(sqe, slot);
+    queued_.push_back(slot);
+}
+
+void CatalogueSession::submit() {
+    if (method_ != Method::ioUring) return;
+    if (queued_.empty()) {
+        _reap(false);
+        return;
+    }
+    int rc;
+    do {
+        rc = ring_->deferredTaskRun ? io_uring_submit_and_get_events(&ring_->ring) : io_uring_submit(&ring_->ring);
+    } while (rc == -EINTR);
+    if (rc == -EAGAIN || rc == -EBUSY) {
+        // The kernel is short of room for now: let requests finish, then try again.
+        _reap(true);
+        return submit();
+    }
+    if (rc < 0) return _fallBackToPlainStatx();
+    size_t submitted = std::min(size_t(rc), queued_.size());
+    queued_.erase(queued_.begin(), queued_.begin() + ptrdiff_t(submitted));
+    inFlight_ += uint32_t(submitted);
+    _reap(false);
+}
+
+void CatalogueSession::_reap(bool wait) {
+    if (!ring_) return;
+    struct io_uring_cqe* cqe = nullptr;
+    if (wait && inFlight_ > 0) {
+        int rc;
+        do rc = io_uring_wait_cqe(&ring_->ring, &cqe);
+        while (rc == -EINTR);
+        if (rc < 0) return _fallBackToPlainStatx();
+    } else if (ring_->deferredTaskRun && inFlight_ > 0) {
+        io_uring_get_events(&ring_->ring);
+    }
+    unsigned head;
+    unsigned seen = 0;
+    io_uring_for_each_cqe(&ring_->ring, head, cqe) {
+        _complete(uint32_t(io_uring_cqe_get_data64(cqe)), cqe->res);
+        ++seen;
+    }
+    io_uring_cq_advance(&ring_->ring, seen);
+}
+
+void CatalogueSession::_complete(uint32_t slot, int result) {
+    Slot& s = slots_[slot];
+    if (result == 0) total_ += uint64_t(s.result.stx_blocks) * 512;
+    --inFlight_;
+    _release(s.directory);
+    s.directory = -1;
+    freeSlots_.push_back(slot);
+}
+
+// The ring stopped taking requests (a refusing sandbox, a lost ring): finish what it
+// has, size what is still queued one by one, and go on without it.
+void CatalogueSession::_fallBackToPlainStatx() {
+    auto ring = std::move(ring_);
+    struct io_uring_cqe* cqe = nullptr;
+    while (inFlight_ > 0 && io_uring_wait_cqe(&ring->ring, &cqe) == 0) {
+        _complete(uint32_t(io_uring_cqe_get_data64(cqe)), cqe->res);
+        io_uring_cqe_seen(&ring->ring, cqe);
+    }
+    inFlight_ = 0;
+    for (uint32_t slot : queued_) {
+        total_ += plainAllocatedSize(slots_[slot].directory, slots_[slot].name);
+        _release(slots_[slot].directory);
+    }
+    queued_.clear();
+    io_uring_queue_exit(&ring->ring);
+    method_ = Method::plainStatx;
+}
+
+uint64_t CatalogueSession::takeTotal() {
+    submit();
+    while (inFlight_ > 0 && ring_) _reap(true);
+    return std::exchange(total_, 0);
+}
+
+void CatalogueSession::releaseDescriptor(int descriptor) {
+    if (descriptor < 0) return;
+    if (size_t(descriptor) < references_.size() && references_[size_t(descriptor)] > 0) {
+        closeWhenDone_[size_t(descriptor)] = 1;
+        return;
+    }
+    ::close(descriptor);
+}
+
+void CatalogueSession::_retain(int descriptor) {
+    if (size_t(descriptor) >= references_.size()) {
+        references_.resize(size_t(descriptor) + 64, 0);
+        closeWhenDone_.resize(size_t(descriptor) + 64, 0);
+    }
+    ++references_[size_t(descriptor)];
+}
+
+void CatalogueSession::_release(int descriptor) {
+    uint32_t& count = references_[size_t(descriptor)];
+    if (--count == 0 && closeWhenDone_[size_t(descriptor)]) {
+        closeWhenDone_[size_t(descriptor)] = 0;
+        ::close(descriptor);
+    }
+}
+
+}  // namespace platform

@@ -1,0 +1,84 @@
+// Adds up the allocated sizes of the non-directory children that a catalogue walk
+// hands it: statx relative to the child's directory, asking only for the block count,
+// without following a final symbolic link. Allocated data size = blocks × 512; the
+// resource fork counts 0 on this platform.
+//
+// Through io_uring, the requests of one batch are submitted together and their
+// results collected while the walk goes on, so the kernel's workers size one
+// directory while the walk lists the next. Where io_uring cannot be set up, plain
+// statx calls do the same work, one at a time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace platform {
+
+class CatalogueIterator;
+struct CatalogueEntry;
+
+class CatalogueSession {
+public:
+    enum class Method { ioUring, plainStatx };
+
+    // Chosen once per process: io_uring, unless the environment variable
+    // FERRYHOLD_NO_IO_URING is set or the kernel (or a sandbox) refuses a ring that
+    // can run statx.
+    static Method processMethod();
+    // One line saying which method the process uses and why.
+    static std::string processMethodDescription();
+    // Tests: sessions created from now on use `method` (io_uring only where the kernel
+    // allows it); nullopt restores the process choice.
+    static void setMethodForTesting(std::optional<Method> method);
+
+    CatalogueSession();
+    // Waits for the requests still running and closes the descriptors kept for them.
+    ~CatalogueSession();
+    CatalogueSession(const CatalogueSession&) = delete;
+    CatalogueSession& operator=(const CatalogueSession&) = delete;
+
+    Method method() const { return method_; }
+    // The process that set up the session; a forked child must make its own.
+    pid_t owner() const { return owner_; }
+
+    // Counts the allocated size of `entry`, a non-directory child of the directory open
+    // in `iterator`: at once with plain statx, else queued for the next submit().
+    void addSizeOf(const CatalogueIterator& iterator, const CatalogueEntry& entry);
+    // Hands the queued requests to the kernel together and collects those finished,
+    // without waiting. Must come before the listing buffer of a queued name is reused.
+    void submit();
+    // Waits for every outstanding request, then answers the bytes counted since the
+    // last call and starts again from 0.
+    uint64_t takeTotal();
+    // Closes `descriptor` now, or once no outstanding request refers to it.
+    void releaseDescriptor(int descriptor);
+
+private:
+    struct Ring;
+    struct Slot;
+
+    bool _setUpRing();
+    void _reap(bool wait);
+    void _complete(uint32_t slot, int result);
+    void _fallBackToPlainStatx();
+    void _retain(int descriptor);
+    void _release(int descriptor);
+
+    Method method_ = Method::plainStatx;
+    pid_t owner_;
+    uint64_t total_ = 0;
+    std::unique_ptr<Ring> ring_;
+    std::vector<Slot> slots_;
+    std::vector<uint32_t> freeSlots_;
+    std::vector<uint32_t> queued_;
+    uint32_t inFlight_ = 0;
+    // Per descriptor number: outstanding requests, and whether its iterator has closed.
+    std::vector<uint32_t> references_;
+    std::vector<uint8_t> closeWhenDone_;
+};
+
+}  // namespace platform

@@ -1,0 +1,371 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <grp.h>
+#include <map>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "FHPathAnalysis/Support/FileSizer.h"
+#include "Platform/CatalogueIterator.h"
+#include "Platform/CatalogueSession.h"
+#include "Platform/Log.h"
+#include "support/TempDir.h"
+
+using platform::CatalogueIterator;
+using platform::CatalogueSession;
+using testsupport::runCommand;
+using testsupport::TempDir;
+using testsupport::writeFile;
+namespace stdfs = std::filesystem;
+
+namespace {
+
+constexpr CatalogueSession::Method kMethods[] = {CatalogueSession::Method::plainStatx,
+                                                 CatalogueSession::Method::ioUring};
+
+std::string quoted(const std::string& path) { return "'" + path + "'"; }
+
+// Allocated bytes of every non-directory item below `path`, as find sees them.
+uint64_t findAllocated(const std::string& path) {
+    std::istringstream lines(runCommand("find " + quoted(path) + " ! -type d -printf '%b\\n'"));
+    uint64_t blocks = 0;
+    for (uint64_t n; lines >> n;) blocks += n;
+    return blocks * 512;
+}
+
+// Allocated bytes below `path` per first component of the relative path, as find sees them.
+std::map<std::string, uint64_t> findAllocatedByChild(const std::string& path) {
+    std::istringstream lines(runCommand("find " + quoted(path) + " -mindepth 1 ! -type d -printf '%P %b\\n'"));
+    std::map<std::string, uint64_t> sizes;
+    std::string relative;
+    for (uint64_t n; lines >> relative >> n;) sizes[relative.substr(0, relative.find('/'))] += n * 512;
+    return sizes;
+}
+
+void writeSized(const std::string& path, size_t size) { writeFile(path, std::string(size, 'x')); }
+
+void writeSparse(const std::string& path, std::streamoff holeBefore, const std::string& tail) {
+    std::ofstream out(path, std::ios::binary);
+    out << "head";
+    out.seekp(holeBefore);
+    out << tail;
+}
+
+// Files of assorted sizes, a sparse file, hard links, symbolic links (to files, to a
+// directory, dangling, and one too long to live in the inode), a FIFO, and empty and
+// nested directories.
+void buildMixedTree(const std::string& root) {
+    writeSized(root + "/empty", 0);
+    writeSized(root + "/one", 1);
+    writeSized(root + "/block", 4096);
+    writeSized(root + "/big", 300000);
+    writeSparse(root + "/sparse", 64 << 20, "tail");
+    writeSized(root + "/a/b/c/deep", 12345);
+    writeSized(root + "/a/b/mid", 777);
+    stdfs::create_directories(root + "/empty-dir/also-empty");
+    stdfs::create_hard_link(root + "/big", root + "/a/big-link");
+    stdfs::create_hard_link(root + "/big", root + "/a/b/big-link-2");
+    stdfs::create_symlink("one", root + "/short-link");
+    stdfs::create_symlink("a/b", root + "/dir-link");
+    stdfs::create_symlink("nowhere", root + "/dangling");
+    stdfs::create_symlink(std::string(200, 'n') + "/target", root + "/long-link");
+    runCommand("mkfifo " + quoted(root + "/fifo"));
+    for (int i = 0; i < 60; ++i) writeSized(root + "/many/f" + std::to_string(i), size_t(i) * 1000);
+}
+
+class CapturedConsole {
+public:
+    CapturedConsole() {
+        previous_ = platform::setConsoleSink([this](std::string_view message) {
+            if (message.rfind("FileSizer: ", 0) == 0) return;  // the once-per-process method report
+            messages.emplace_back(message);
+            if (onMessage) onMessage(message);
+        });
+        previousSystem_ = platform::setSystemLogSink([](int, std::string_view) {});
+    }
+    ~CapturedConsole() {
+        platform::setConsoleSink(previous_);
+        platform::setSystemLogSink(previousSystem_);
+    }
+    std::vector<std::string> messages;
+    std::function<void(std::string_view)> onMessage;
+
+private:
+    platform::ConsoleSink previous_;
+    platform::SystemLogSink previousSystem_;
+};
+
+class FileSizerTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        unsetenv("FHDebugFileSizer");
+        CatalogueIterator::setFailingDirectoryNameForTesting(std::nullopt);
+        CatalogueIterator::setIgnoreEntryTypesForTesting(false);
+        CatalogueIterator::setBufferFailureForTesting(false);
+        CatalogueSession::setMethodForTesting(std::nullopt);
+    }
+    TempDir temp;
+};
+
+TEST_F(FileSizerTest, DirectoryTotalsMatchFindWithEitherStatxMethod) {
+    std::string root = temp / "tree";
+    buildMixedTree(root);
+    uint64_t expected = findAllocated(root);
+    ASSERT_GT(expected, 300000u);
+    for (auto method : kMethods) {
+        CatalogueSession::setMethodForTesting(method);
+        EXPECT_EQ(expected, FileSizer::sizeForPath(root));
+        EXPECT_EQ(findAllocated(root + "/a"), FileSizer::sizeForPath(root + "/a"));
+        EXPECT_EQ(0u, FileSizer::sizeForPath(root + "/empty-dir"));
+        // Types decided by statx, as on a file system whose listings carry none.
+        CatalogueIterator::setIgnoreEntryTypesForTesting(true);
+        EXPECT_EQ(expected, FileSizer::sizeForPath(root));
+        CatalogueIterator::setIgnoreEntryTypesForTesting(false);
+    }
+}
+
+TEST_F(FileSizerTest, HardLinksCountEachTimeTheyAreMet) {
+    std::string root = temp / "links";
+    writeSized(root + "/file", 10000);
+    stdfs::create_hard_link(root + "/file", root + "/again");
+    stdfs::create_directories(root + "/sub");
+    stdfs::create_hard_link(root + "/file", root + "/sub/third");
+    uint64_t once = findAllocated(root + "/file");
+    ASSERT_GT(once, 0u);
+    EXPECT_EQ(3 * once, FileSizer::sizeForPath(root));
+}
+
+TEST_F(FileSizerTest, LargeDirectorySpanningManyListingsMatchesFind) {
+    // Long names fill the listing buffer several times over, so queued requests must
+    // reach the kernel before the buffer is read into again.
+    std::string root = temp / "large";
+    std::string stem(120, 'L');
+    for (int i = 0; i < 1500; ++i) writeSized(root + "/" + stem + std::to_string(i), size_t(i % 7) * 3000);
+    for (int i = 0; i < 30; ++i) writeSized(root + "/d" + std::to_string(i) + "/x", 5000);
+    uint64_t expected = findAllocated(root);
+    for (auto method : kMethods) {
+        CatalogueSession::setMethodForTesting(method);
+        EXPECT_EQ(expected, FileSizer::sizeForPath(root));
+    }
+}
+
+TEST_F(FileSizerTest, TwoHundredLevelsOfNesting) {
+    std::string root = temp / "nest";
+    std::string path = root;
+    for (int level = 0; level < 200; ++level) {
+        path += "/n";
+        writeSized(path + "/file", size_t(level) * 50 + 1);
+    }
+    uint64_t expected = findAllocated(root);
+    ASSERT_GE(expected, 200u * 4096);
+    for (auto method : kMethods) {
+        CatalogueSession::setMethodForTesting(method);
+        EXPECT_EQ(expected, FileSizer::sizeForPath(root));
+    }
+}
+
+TEST_F(FileSizerTest, UnreadableSubdirectoryCountsZeroAndTheWalkGoesOn) {
+    std::string root = temp / "tree";
+    buildMixedTree(root);
+    writeSized(root + "/a/locked/inside", 90000);
+    writeSized(root + "/a/locked/more/inside", 90000);
+    uint64_t expected = findAllocated(root) - findAllocated(root + "/a/locked");
+    CatalogueIterator::setFailingDirectoryNameForTesting("locked");
+    for (auto method : kMethods) {
+        CatalogueSession::setMethodForTesting(method);
+        CapturedConsole console;
+        EXPECT_EQ(expected, FileSizer::sizeForPath(root));
+        EXPECT_EQ(std::vector<std::string>{"FSOpenIterator failed."}, console.messages);
+        // The unreadable directory asked for itself.
+        EXPECT_EQ(0u, FileSizer::sizeForPath(root + "/a/locked"));
+        EXPECT_EQ(2u, console.messages.size());
+    }
+}
+
+TEST_F(FileSizerTest, UnreadableSubdirectoryForAnUnprivilegedProcess) {
+    if (getuid() != 0) GTEST_SKIP() << "needs root to drop privileges";
+    std::string root = temp / "tree";
+    buildMixedTree(root);
+    writeSized(root + "/a/locked/inside", 90000);
+    uint64_t expected = findAllocated(root) - findAllocated(root + "/a/locked");
+    stdfs::permissions(temp.path(), stdfs::perms::owner_all | stdfs::perms::others_exec);
+    stdfs::permissions(root + "/a/locked", stdfs::perms::none);
+
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(fds[0]);
+        platform::setConsoleSink([](std::string_view) {});
+        platform::setSystemLogSink([](int, std::string_view) {});
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+        uint64_t size = FileSizer::sizeForPath(root);
+        _exit(write(fds[1], &size, sizeof size) == sizeof size ? 0 : 3);
+    }
+    close(fds[1]);
+    uint64_t size = 0;
+    ssize_t got = read(fds[0], &size, sizeof size);
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(0, WEXITSTATUS(status));
+    ASSERT_EQ(ssize_t(sizeof size), got);
+    EXPECT_EQ(expected, size);
+}
+
+TEST_F(FileSizerTest, PlainFilesCountLogicalSizeAndUnreadablePathsCountZero) {
+    writeSized(temp / "dir/one", 1);
+    uint64_t allocated = findAllocated(temp / "dir");
+    ASSERT_GT(allocated, 1u);
+    EXPECT_EQ(1u, FileSizer::sizeForPath(temp / "dir/one"));
+    EXPECT_EQ(allocated, FileSizer::sizeForPath(temp / "dir"));
+    EXPECT_EQ(std::optional<uint64_t>(1), FileSizer::directorySizeAtPath(temp / "dir/one"));
+
+    EXPECT_EQ(0u, FileSizer::sizeForPath(temp / "missing"));
+    EXPECT_EQ(std::nullopt, FileSizer::directorySizeAtPath(temp / "missing"));
+    EXPECT_EQ(std::nullopt, FileSizer::directorySizeAtPath(""));
+    EXPECT_EQ(allocated + 1, FileSizer::sizeForPaths({temp / "dir", temp / "missing", temp / "dir/one"}));
+    EXPECT_EQ(0u, FileSizer::sizeForPaths({}));
+}
+
+TEST_F(FileSizerTest, DirectorySizeWalksNothingWhileTheRunFlagIsClear) {
+    writeSized(temp / "dir/file", 5000);
+    writeSized(temp / "file", 5000);
+    // Cleared, as in a process that has not sized anything yet.
+    FileSizer::cancel();
+    EXPECT_EQ(std::optional<uint64_t>(0), FileSizer::directorySizeAtPath(temp / "dir"));
+    EXPECT_EQ(std::optional<uint64_t>(5000), FileSizer::directorySizeAtPath(temp / "file"));
+    FileSizer::sizeForPath(temp / "file");
+    EXPECT_EQ(std::optional<uint64_t>(findAllocated(temp / "dir")), FileSizer::directorySizeAtPath(temp / "dir"));
+}
+
+TEST_F(FileSizerTest, CancelDuringTheSecondOfThreePathsKeepsWhatWasSized) {
+    std::string first = temp / "first", second = temp / "second", third = temp / "third";
+    buildMixedTree(first);
+    for (int i = 0; i < 20; ++i) writeSized(second + "/f" + std::to_string(i), size_t(i + 1) * 1000);
+    for (int i = 0; i < 5; ++i) writeSized(second + "/d" + std::to_string(i) + "/inside", 5000);
+    writeSized(third + "/file", 50000);
+
+    // The walk meets the children in listing order; the first directory listed after
+    // something else becomes unreadable, and its failure message cancels the sizing.
+    std::vector<std::string> order;
+    for (const auto& entry : stdfs::directory_iterator(second)) order.push_back(entry.path().filename());
+    size_t stop = 1;
+    while (order[stop][0] != 'd') ++stop;
+    auto bySize = findAllocatedByChild(second);
+    uint64_t partial = 0;
+    for (size_t i = 0; i < stop; ++i) partial += bySize[order[i]];
+    ASSERT_GT(partial, 0u);
+    ASSERT_LT(partial, findAllocated(second));
+    uint64_t full = findAllocated(first) + findAllocated(second) + findAllocated(third);
+
+    for (auto method : kMethods) {
+        CatalogueSession::setMethodForTesting(method);
+        CatalogueIterator::setFailingDirectoryNameForTesting(order[stop]);
+        {
+            CapturedConsole console;
+            console.onMessage = [](std::string_view message) {
+                if (message == "FSOpenIterator failed.") FileSizer::cancel();
+            };
+            EXPECT_EQ(findAllocated(first) + partial, FileSizer::sizeForPaths({first, second, third}));
+            EXPECT_EQ(1u, console.messages.size());
+        }
+        CatalogueIterator::setFailingDirectoryNameForTesting(std::nullopt);
+        EXPECT_EQ(full, FileSizer::sizeForPaths({first, second, third}));
+    }
+}
+
+TEST_F(FileSizerTest, DebugMessagesOnlyWithTheSwitch) {
+    writeSized(temp / "dir/file", 3000);
+    std::string dir = temp / "dir";
+    std::string missing = temp / "missing";
+    uint64_t size = findAllocated(dir);
+    {
+        CapturedConsole console;
+        FileSizer::sizeForPaths({dir, missing, dir + "/file"});
+        EXPECT_TRUE(console.messages.empty());
+    }
+    setenv("FHDebugFileSizer", "", 1);  // presence is enough
+    CapturedConsole console;
+    FileSizer::sizeForPaths({dir, missing, dir + "/file"});
+    std::vector<std::string> expected = {
+        "FileSizerGetHFSFolderSize2 returned " + std::to_string(size) + " for " + dir,
+        "sizeForPath returned " + std::to_string(size) + " for " + dir,
+        "*** FSF Error on " + missing + " : " + missing + ": No such file or directory",
+        "sizeForPath returned 0 for " + missing,
+        "sizeForPath returned 3000 for " + dir + "/file",
+    };
+    EXPECT_EQ(expected, console.messages);
+}
+
+TEST_F(FileSizerTest, PrivateDirectoryDataCountsZeroWithoutBeingOpened) {
+    std::string hidden = temp / ".HFS+ Private Directory Data\r";
+    writeSized(hidden + "/target/file", 80000);
+    // Opening it would fail loudly.
+    CatalogueIterator::setFailingDirectoryNameForTesting(".HFS+ Private Directory Data\r");
+    CapturedConsole console;
+    EXPECT_EQ(std::optional<uint64_t>(0), FileSizer::directorySizeAtPath(hidden));
+    EXPECT_EQ(0u, FileSizer::sizeForPath(hidden));
+    EXPECT_EQ(std::optional<uint64_t>(0), FileSizer::directorySizeAtPath(temp / "absent/.HFS+ Private Directory Data\r"));
+    EXPECT_TRUE(console.messages.empty());
+    // Met inside a walk, it is a folder like any other.
+    CatalogueIterator::setFailingDirectoryNameForTesting(std::nullopt);
+    EXPECT_EQ(findAllocated(temp.path()), FileSizer::sizeForPath(temp.path()));
+}
+
+TEST_F(FileSizerTest, SizeForPathsJoinsTheVolumeInFrontOfEachPath) {
+    std::string volume = temp / "T";
+    writeSized(volume + "/Library/a", 7000);
+    writeSized(volume + "/Library/sub/b", 9000);
+    writeSized(volume + "/file", 10);
+    uint64_t library = findAllocated(volume + "/Library");
+    EXPECT_EQ(library + 10, FileSizer::sizeForPaths({"/Library", "/file", "/missing"}, volume));
+    EXPECT_EQ(library, FileSizer::sizeForPaths({"/Library"}, volume + "/"));
+    EXPECT_EQ(library, FileSizer::sizeForPaths({volume + "/Library"}, std::nullopt));
+
+    setenv("FHDebugFileSizer", "1", 1);
+    CapturedConsole console;
+    FileSizer::sizeForPaths({"/Library"}, volume);
+    ASSERT_FALSE(console.messages.empty());
+    EXPECT_EQ("sizeForPath returned " + std::to_string(library) + " for " + volume + "/Library",
+              console.messages.back());
+}
+
+TEST_F(FileSizerTest, BufferThatCannotBeHadIsLoggedAndCountsZero) {
+    writeSized(temp / "dir/file", 5000);
+    CatalogueIterator::setBufferFailureForTesting(true);
+    uint64_t size = 1;
+    std::vector<std::string> messages;
+    // A fresh thread has no walk buffers kept from earlier sizings.
+    std::thread([&] {
+        CapturedConsole console;
+        size = FileSizer::sizeForPath(temp / "dir");
+        messages = console.messages;
+    }).join();
+    EXPECT_EQ(0u, size);
+    EXPECT_EQ(std::vector<std::string>{"Error allocating buffer for size 32768 (12:Cannot allocate memory)"}, messages);
+    CatalogueIterator::setBufferFailureForTesting(false);
+    EXPECT_EQ(findAllocated(temp / "dir"), FileSizer::sizeForPath(temp / "dir"));
+}
+
+TEST(CatalogueSession, ForcedMethodAndProcessChoice) {
+    CatalogueSession::setMethodForTesting(CatalogueSession::Method::plainStatx);
+    EXPECT_EQ(CatalogueSession::Method::plainStatx, CatalogueSession().method());
+    CatalogueSession::setMethodForTesting(std::nullopt);
+    CatalogueSession session;
+    EXPECT_EQ(CatalogueSession::processMethod(), session.method());
+    std::string description = CatalogueSession::processMethodDescription();
+    EXPECT_NE(std::string::npos, description.find(session.method() == CatalogueSession::Method::ioUring
+                                                      ? "io_uring, batches"
+                                                      : "plain statx"));
+}
+
+}  // namespace
