@@ -1,5 +1,6 @@
 #include "Platform/Exception.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
@@ -15,8 +16,12 @@ void assertionFailure(const char* operation, const char* file, int line, const c
                       const std::string& description) {
     const char* slash = std::strrchr(file, '/');
     std::string base = slash ? slash + 1 : file;
-    consoleLog(fmt::format("*** Assertion failure in {}, {}:{}: {} ({})", operation, base, line, expression,
-                           description));
+    std::string report =
+        fmt::format("*** Assertion failure in {}, {}:{}: {} ({})", operation, base, line, expression, description);
+    // Straight to standard error: a replaced console sink must not swallow the last words.
+    fprintf(stderr, "%s\n", report.c_str());
+    fflush(stderr);
+    systemLog(kInstallerFacility | kLogError, report);
     std::abort();
 }
 
