@@ -1,0 +1,56 @@
+// Constants of the BOM file layout and its big-endian integers, shared by the reader
+// and the writer.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+namespace crateworks::bom::format {
+
+inline constexpr std::string_view kMagic = "BOMStore";
+inline constexpr uint32_t kVersion = 1;
+inline constexpr size_t kHeaderSize = 32;
+inline constexpr size_t kHeaderPadding = 512;
+inline constexpr std::string_view kTreeMagic = "tree";
+inline constexpr size_t kTreeHeaderSize = 21;
+inline constexpr size_t kNodeHeaderSize = 12;
+inline constexpr size_t kInfoFixedSize = 31;
+inline constexpr uint32_t kPathsNodeSize = 4096;
+inline constexpr uint32_t kSmallNodeSize = 128;
+inline constexpr size_t kPathsPairsPerNode = 256;
+inline constexpr size_t kSmallPairsPerNode = 14;
+// Deeper trees are rejected: the writer's own trees stay far below this.
+inline constexpr int kMaxTreeDepth = 64;
+
+inline constexpr std::string_view kBomInfo = "BomInfo";
+inline constexpr std::string_view kPaths = "Paths";
+inline constexpr std::string_view kHLIndex = "HLIndex";
+inline constexpr std::string_view kVIndex = "VIndex";
+inline constexpr std::string_view kSize64 = "Size64";
+
+inline uint16_t readU16(const uint8_t* p) { return uint16_t(p[0] << 8 | p[1]); }
+inline uint32_t readU32(const uint8_t* p) {
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
+}
+inline uint64_t readU64(const uint8_t* p) { return uint64_t(readU32(p)) << 32 | readU32(p + 4); }
+
+inline void appendU8(std::vector<uint8_t>& out, uint8_t v) { out.push_back(v); }
+inline void appendU16(std::vector<uint8_t>& out, uint16_t v) {
+    out.push_back(uint8_t(v >> 8));
+    out.push_back(uint8_t(v));
+}
+inline void appendU32(std::vector<uint8_t>& out, uint32_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t(v >> shift));
+}
+inline void appendU64(std::vector<uint8_t>& out, uint64_t v) {
+    appendU32(out, uint32_t(v >> 32));
+    appendU32(out, uint32_t(v));
+}
+inline void appendBytes(std::vector<uint8_t>& out, std::string_view s) { out.insert(out.end(), s.begin(), s.end()); }
+inline void storeU32(std::vector<uint8_t>& out, size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) out[at + size_t(i)] = uint8_t(v >> (24 - 8 * i));
+}
+
+}  // namespace crateworks::bom::format

@@ -1,0 +1,36 @@
+// Walks a CWBOM depth first, each directory before its contents, and can stand wherever
+// a directory enumerator is expected. Paths come without their "./"; the root "." is
+// never reported, so a BOM holding only "." yields nothing.
+#pragma once
+
+#include <memory>
+
+#include "CrateworksCore/Package_API/BOM/BOMStore.h"
+#include "CrateworksCore/Package_API/BOM/CWBOM.h"
+#include "Platform/DirectoryEnumerator.h"
+
+namespace crateworks {
+
+class CWBOMDirectoryEnumerator : public platform::DirectoryEnumerator {
+public:
+    // Null for a null BOM or when no walk can be started on it.
+    static std::shared_ptr<CWBOMDirectoryEnumerator> initWithBOM(std::shared_ptr<CWBOM> bom);
+
+    std::optional<std::string> nextObject() override;
+    // Do not descend into the entry last returned: the next one is its next sibling or
+    // whatever follows its subtree.
+    void skipDescendents() override;
+    void skipDescendants() { skipDescendents(); }
+    bool isDirectory() override;
+    // The attribute dictionary of the entry last returned.
+    std::optional<platform::Dictionary> fileAttributes() override;
+
+private:
+    CWBOMDirectoryEnumerator() = default;
+
+    std::shared_ptr<CWBOM> _cwBom;  // keeps the BOM's data alive for the walk
+    std::unique_ptr<bom::BOMEnumerator> _be;
+    const bom::BOMEntry* _currentFSO = nullptr;  // owned by _be, replaced on each step
+};
+
+}  // namespace crateworks
