@@ -1,0 +1,185 @@
+// Where receipts are looked for on a volume, which of them are secure, and which
+// directory entries count as receipts.
+#include <algorithm>
+#include <map>
+#include <gtest/gtest.h>
+
+#include "CrateworksCore/Package_API/Receipts/CWReceipt.h"
+#include "Platform/FileSystem.h"
+#include "Platform/Path.h"
+#include "ReceiptTestHelpers.h"
+#include "support/TempDir.h"
+#include "support/VolumeBuilder.h"
+
+using crateworks::CWReceipt;
+using receipttests::identifiers;
+using testsupport::PackageDescription;
+using testsupport::TempDir;
+using testsupport::VolumeBuilder;
+using Location = PackageDescription::Location;
+
+namespace {
+
+std::vector<std::string> sorted(std::vector<std::string> v) {
+    std::sort(v.begin(), v.end());
+    return v;
+}
+
+}  // namespace
+
+TEST(ReceiptDirectories, ScanOrderSecureFlagAndReceiptExtensions) {
+    TempDir dir;
+    VolumeBuilder volume(dir.path());
+    volume.package("com.quarn.pkg.BaseSystem");
+    volume.package("com.quarn.pkg.Essentials");
+    volume.package("com.vendor.library").location(Location::Library);
+    volume.package("com.vendor.boms").location(Location::LibraryBOMs);
+    volume.bundle("Old.pkg", "com.vendor.old", "2.1");
+    volume.build();
+    // Decoys: an upper-case extension, and bundles outside Library/Receipts.
+    testsupport::writeFile(dir / "private/var/db/receipts/x.BOM", "BOMStore");
+    testsupport::writeFile(dir / "private/var/db/receipts/Stray.pkg/Contents/Info.plist", "<plist/>");
+    testsupport::writeFile(dir / "private/var/db/receipts/Stray.pkg/Contents/Archive.bom", "BOMStore");
+    testsupport::writeFile(dir / "Library/Receipts/boms/Stray2.pkg/Contents/Info.plist", "<plist/>");
+    testsupport::writeFile(dir / "Library/Receipts/boms/Stray2.pkg/Contents/Archive.bom", "BOMStore");
+
+    auto receipts = CWReceipt::_findReceiptsOnVolumeAtPath(dir.path());
+    auto ids = identifiers(receipts);
+    ASSERT_EQ(5u, ids.size());
+    // Directory order is the file system's within a directory, fixed across directories.
+    EXPECT_EQ(sorted({"com.quarn.pkg.BaseSystem", "com.quarn.pkg.Essentials"}),
+              sorted({ids[0], ids[1]}));
+    EXPECT_EQ("com.vendor.library", ids[2]);
+    EXPECT_EQ("com.vendor.boms", ids[3]);
+    EXPECT_EQ("com.vendor.old", ids[4]);
+    std::vector<bool> secure;
+    for (const auto& receipt : receipts) secure.push_back(receipt->_isSecure());
+    EXPECT_EQ((std::vector<bool>{true, true, false, false, false}), secure);
+    EXPECT_EQ(dir / "private/var/db/receipts/" + ids[0] + ".bom", receipts[0]->bomPath());
+    EXPECT_EQ(dir / "Library/Receipts/Old.pkg", receipts[4]->bundlePath());
+}
+
+TEST(ReceiptDirectories, OnlyTheProtectedDirectoryIsSecure) {
+    TempDir dir;
+    VolumeBuilder volume(dir.path());
+    volume.package("com.vendor.a").location(Location::Library);
+    volume.package("com.vendor.b").location(Location::LibraryBOMs);
+    volume.build();
+
+    std::vector<size_t> secureIndexes{7};
+    auto directories = CWReceipt::_searchDirectoriesForBOMReceiptsOnDestination(dir.path(), &secureIndexes);
+    EXPECT_EQ((std::vector<std::string>{dir / "Library/Receipts", dir / "Library/Receipts/boms"}), directories);
+    EXPECT_TRUE(secureIndexes.empty());
+    for (const auto& receipt : CWReceipt::_findReceiptsOnVolumeAtPath(dir.path()))
+        EXPECT_FALSE(receipt->_isSecure()) << receipt->description();
+
+    platform::fs::createDirectories(dir / "private/var/db/receipts");
+    directories = CWReceipt::_searchDirectoriesForBOMReceiptsOnDestination(dir.path(), &secureIndexes);
+    EXPECT_EQ(3u, directories.size());
+    EXPECT_EQ((std::vector<size_t>{0}), secureIndexes);
+
+    // A receipts "directory" that is a file is not searched.
+    TempDir other;
+    testsupport::writeFile(other / "private/var/db/receipts", "not a directory");
+    EXPECT_TRUE(CWReceipt::_searchDirectoriesForBOMReceiptsOnDestination(other.path(), &secureIndexes).empty());
+    EXPECT_TRUE(secureIndexes.empty());
+    EXPECT_TRUE(CWReceipt::_searchDirectoriesForBundleReceiptsOnDestination(other.path()).empty());
+    EXPECT_TRUE(CWReceipt::_findReceiptsOnVolumeAtPath(other / "missing").empty());
+}
+
+TEST(ReceiptDirectories, WhereNewReceiptsGo) {
+    TempDir destination, sandbox;
+    EXPECT_EQ(destination / "Library/Receipts", CWReceipt::_receiptsDirectoryPathForDestination(destination.path()));
+    EXPECT_EQ(sandbox / "Library/Receipts",
+              CWReceipt::_receiptsDirectoryPathForSandboxRoot(sandbox.path(), destination.path()));
+
+    platform::fs::createDirectories(destination / "private/var/db");
+    EXPECT_EQ(destination / "private/var/db/receipts",
+              CWReceipt::_receiptsDirectoryPathForDestination(destination.path()));
+    // The destination's private/var/db decides for the sandbox too.
+    EXPECT_EQ(sandbox / "private/var/db/receipts",
+              CWReceipt::_receiptsDirectoryPathForSandboxRoot(sandbox.path(), destination.path()));
+
+    TempDir plainDestination;
+    platform::fs::createDirectories(sandbox / "private/var/db");
+    EXPECT_EQ(sandbox / "private/var/db/receipts",
+              CWReceipt::_receiptsDirectoryPathForSandboxRoot(sandbox.path(), plainDestination.path()));
+    // Trailing separators do not double up.
+    EXPECT_EQ(destination / "private/var/db/receipts",
+              CWReceipt::_receiptsDirectoryPathForDestination(destination.path() + "/"));
+}
+
+TEST(ReceiptDirectories, BundleReceiptsInEveryLayout) {
+    using Layout = PackageDescription::BundleLayout;
+    TempDir dir;
+    VolumeBuilder volume(dir.path());
+    volume.bundle("Contents.pkg", "com.vendor.contents", "1.2").directory("/Applications/Tool.app");
+    volume.bundle("Resources.pkg", "com.vendor.resources", std::nullopt).layout(Layout::Resources);
+    volume.bundle("Flat.pkg", "com.vendor.flat", "3").layout(Layout::Flat);
+    volume.bundle("Nameless.pkg");
+    volume.bundle("NoBOM.pkg", "com.vendor.nobom").missingBOM();
+    volume.build();
+    testsupport::writeFile(dir / "Library/Receipts/NotABundle.pkg/readme", "no information dictionary");
+
+    auto receipts = CWReceipt::_findBundleReceiptsFromDirectory(dir / "Library/Receipts");
+    std::map<std::string, std::shared_ptr<CWReceipt>> byName;
+    for (const auto& receipt : receipts) byName[platform::path::lastComponent(receipt->bundlePath())] = receipt;
+    ASSERT_EQ(4u, receipts.size());
+    ASSERT_EQ((std::vector<std::string>{"Contents.pkg", "Flat.pkg", "Nameless.pkg", "Resources.pkg"}),
+              [&] {
+                  std::vector<std::string> names;
+                  for (const auto& [name, receipt] : byName) names.push_back(name);
+                  return names;
+              }());
+
+    auto contents = byName["Contents.pkg"];
+    EXPECT_EQ("com.vendor.contents", contents->packageIdentifier());
+    EXPECT_EQ("1.2", contents->packageVersion());
+    EXPECT_EQ(dir / "Library/Receipts/Contents.pkg/Contents/Archive.bom", contents->bomPath());
+    EXPECT_EQ((std::vector<std::string>{dir / "Library/Receipts/Contents.pkg"}), contents->receiptStoragePaths());
+    auto created = platform::fs::attributes(dir / "Library/Receipts/Contents.pkg")->find(platform::fs::kFileCreationDate);
+    EXPECT_EQ(created->date(), contents->installDate());
+
+    EXPECT_EQ(std::nullopt, byName["Resources.pkg"]->packageVersion());
+    EXPECT_EQ(dir / "Library/Receipts/Resources.pkg/Archive.bom", byName["Resources.pkg"]->bomPath());
+    EXPECT_EQ(dir / "Library/Receipts/Archive.bom", byName["Flat.pkg"]->bomPath());
+    EXPECT_EQ("Nameless", byName["Nameless.pkg"]->packageIdentifier());
+    EXPECT_FALSE(byName["Nameless.pkg"]->_isSecure());
+
+    EXPECT_EQ(nullptr, CWReceipt::initWithBundlePkgPath(dir / "Library/Receipts/NoBOM.pkg"));
+    EXPECT_EQ(nullptr, CWReceipt::initWithBundlePkgPath(dir / "Library/Receipts/NotABundle.pkg"));
+    EXPECT_EQ(nullptr, CWReceipt::initWithBundlePkgPath(dir / "Library/Receipts/Missing.pkg"));
+}
+
+TEST(ReceiptDirectories, ReceiptsAtPathListsBOMReceiptsBeforeBundles) {
+    TempDir dir;
+    VolumeBuilder volume(dir.path());
+    volume.bundle("A.pkg", "com.vendor.a-bundle");
+    volume.package("com.vendor.z-bom").location(Location::Library);
+    volume.bundle("B.pkg", "com.vendor.b-bundle");
+    volume.build();
+
+    auto ids = identifiers(CWReceipt::receiptsAtPath(dir / "Library/Receipts"));
+    ASSERT_EQ(3u, ids.size());
+    EXPECT_EQ("com.vendor.z-bom", ids[0]);
+    EXPECT_EQ(sorted({"com.vendor.a-bundle", "com.vendor.b-bundle"}), sorted({ids[1], ids[2]}));
+    EXPECT_TRUE(CWReceipt::receiptsAtPath(dir / "nowhere").empty());
+}
+
+TEST(ReceiptPaths, PropertyListBesideTheBOMAndStorageOrder) {
+    EXPECT_EQ("/v/private/var/db/receipts/com.a.b.plist",
+              CWReceipt::_receiptDictionaryPathFromBOMPath("/v/private/var/db/receipts/com.a.b.bom"));
+    EXPECT_EQ("/r/x.plist", CWReceipt::_receiptDictionaryPathFromBOMPath("/r/x.bom"));
+
+    TempDir dir;
+    VolumeBuilder volume(dir.path());
+    volume.package("com.vendor.noplist").propertyList(PackageDescription::PropertyListForm::Missing);
+    volume.build();
+    auto receipt = CWReceipt::initWithBOMPath(dir / "private/var/db/receipts/com.vendor.noplist.bom");
+    ASSERT_NE(nullptr, receipt);
+    EXPECT_FALSE(platform::fs::exists(dir / "private/var/db/receipts/com.vendor.noplist.plist"));
+    EXPECT_EQ((std::vector<std::string>{dir / "private/var/db/receipts/com.vendor.noplist.plist",
+                                        dir / "private/var/db/receipts/com.vendor.noplist.bom"}),
+              receipt->receiptStoragePaths());
+    EXPECT_EQ("CWReceipt <com.vendor.noplist>", receipt->description());
+}
