@@ -1,0 +1,104 @@
+// crateworks xar: list, extract, create, verify and digest from the command line.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
+#include "XarTestSupport.h"
+#include "support/TempDir.h"
+
+using testsupport::TempDir;
+using xartest::runTool;
+using xartest::shellQuote;
+
+namespace {
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    size_t start = 0;
+    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
+        out.push_back(text.substr(start, nl - start));
+    return out;
+}
+
+TEST(XarCommand, ListPrintsOneTabSeparatedLinePerEntryInTocOrder) {
+    TempDir tmp;
+    xartest::makeSampleTree(tmp / "src");
+    int status = -1;
+    runTool("xar create " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "src"), &status);
+    ASSERT_EQ(0, status);
+    auto listed = lines(runTool("xar list " + shellQuote(tmp / "a.xar"), &status));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ((std::vector<std::string>{
+                  "dir\tdirectory\t755\t0\t0\t0",
+                  "dir/binary.bin\tfile\t644\t0\t0\t70000",
+                  "dir/empty\tfile\t644\t0\t0\t0",
+                  "dir/link\tsymlink\t777\t0\t0\t0",
+                  "dir/nested\tdirectory\t750\t0\t0\t0",
+                  "dir/nested/deep\tdirectory\t755\t0\t0\t0",
+                  "dir/nested/deep/leaf.txt\tfile\t644\t0\t0\t5",
+                  "dir/readonly.txt\tfile\t444\t0\t0\t10",
+                  "dir/text.txt\tfile\t644\t0\t0\t" + std::to_string(testsupport::readFile(tmp / "src/dir/text.txt").size()),
+                  "top.txt\tfile\t644\t0\t0\t10",
+              }),
+              listed);
+
+    auto json = lines(runTool("xar list " + shellQuote(tmp / "a.xar") + " --json", &status));
+    ASSERT_EQ(listed.size(), json.size());
+    auto archive = crateworks::CWXARArchive::initForReadingFromPath(tmp / "a.xar");
+    auto* top = archive->_xar()->find("top.txt");
+    EXPECT_EQ("{\"path\":\"top.txt\",\"type\":\"file\",\"mode\":\"644\",\"uid\":0,\"gid\":0,\"size\":10,"
+              "\"encoding\":\"application/x-gzip\",\"archived_checksum\":\"" + top->data->archivedChecksum +
+                  "\",\"extracted_checksum\":\"" + top->data->extractedChecksum + "\"}",
+              json.back());
+    // The extracted checksum is the SHA-1 of the file, as an independent tool computes it.
+    EXPECT_EQ(top->data->extractedChecksum + "  " + tmp / "src/top.txt" + "\n",
+              testsupport::runCommand("sha1sum " + shellQuote(tmp / "src/top.txt")));
+
+    runTool("xar create " + shellQuote(tmp / "s.xar") + " " + shellQuote(tmp / "src") + " --store", &status);
+    ASSERT_EQ(0, status);
+    std::string stored = runTool("xar list " + shellQuote(tmp / "s.xar") + " --json");
+    EXPECT_EQ(std::string::npos, stored.find("x-gzip"));
+    EXPECT_NE(std::string::npos, stored.find("\"encoding\":\"application/octet-stream\""));
+}
+
+TEST(XarCommand, ExtractVerifyAndDigest) {
+    TempDir tmp;
+    xartest::makeSampleTree(tmp / "src");
+    int status = -1;
+    runTool("xar create " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "src"), &status);
+    std::string out = runTool("xar extract " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "new/dest"), &status);
+    ASSERT_EQ(0, status) << out;
+    EXPECT_EQ(testsupport::readFile(tmp / "src/dir/binary.bin"), testsupport::readFile(tmp / "new/dest/dir/binary.bin"));
+    struct stat st {};
+    ASSERT_EQ(0, stat((tmp / "new/dest/dir/readonly.txt").c_str(), &st));
+    EXPECT_EQ(0444u, st.st_mode & 07777);
+    ASSERT_EQ(0, stat((tmp / "new/dest/dir/nested").c_str(), &st));
+    EXPECT_EQ(0750u, st.st_mode & 07777);
+
+    EXPECT_EQ("verified 10 entries\n", runTool("xar verify " + shellQuote(tmp / "a.xar"), &status));
+    EXPECT_EQ(0, status);
+    std::string digest = runTool("xar digest " + shellQuote(tmp / "a.xar"), &status);
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(*crateworks::CWXARArchive::initForReadingFromPath(tmp / "a.xar")->archiveDigest() + "\n", digest);
+}
+
+TEST(XarCommand, NotAnArchiveAndWrongCalls) {
+    TempDir tmp;
+    testsupport::writeFile(tmp / "plain.txt", "not an archive");
+    int status = -1;
+    for (std::string verb : {"list", "verify", "digest"}) {
+        std::string out = runTool("xar " + verb + " " + shellQuote(tmp / "plain.txt"), &status);
+        EXPECT_EQ(1, status) << verb;
+        EXPECT_EQ(1u, lines(out).size()) << out;
+        EXPECT_NE(std::string::npos, out.find(tmp / "plain.txt")) << out;
+    }
+    runTool("xar extract " + shellQuote(tmp / "plain.txt") + " " + shellQuote(tmp / "d"), &status);
+    EXPECT_EQ(1, status);
+    for (std::string call : {"xar", "xar list", "xar frobnicate x", "xar list a b", "xar create out", "xar list a --xml"}) {
+        std::string out = runTool(call, &status);
+        EXPECT_EQ(2, status) << call;
+        EXPECT_NE(std::string::npos, out.find("usage:")) << call;
+    }
+}
+
+}  // namespace
