@@ -97,14 +97,16 @@ void CatalogueSession::setMethodForTesting(std::optional<Method> method) {
     methodOverride() = method;
 }
 
-CatalogueSession::CatalogueSession() : owner_(getpid()) {
-    std::optional<Method> wanted;
+CatalogueSession::Method CatalogueSession::methodForNewSessions() {
     {
         std::lock_guard lock(overrideMutex());
-        wanted = methodOverride();
+        if (methodOverride()) return *methodOverride();
     }
-    if (!wanted) wanted = processMethod();
-    if (*wanted == Method::ioUring && _setUpRing()) method_ = Method::ioUring;
+    return processMethod();
+}
+
+CatalogueSession::CatalogueSession() : requested_(methodForNewSessions()), owner_(getpid()) {
+    if (requested_ == Method::ioUring && _setUpRing()) method_ = Method::ioUring;
 }
 
 bool CatalogueSession::_setUpRing() {
@@ -162,19 +164,18 @@ void CatalogueSession::addSizeOf(const CatalogueIterator& iterator, const Catalo
 }
 
 void CatalogueSession::submit() {
-    if (method_ != Method::ioUring) return;
-    if (queued_.empty()) {
-        _reap(false);
-        return;
-    }
+    if (method_ != Method::ioUring || queued_.empty()) return;
     int rc;
-    do {
+    for (;;) {
         rc = ring_->deferredTaskRun ? io_uring_submit_and_get_events(&ring_->ring) : io_uring_submit(&ring_->ring);
-    } while (rc == -EINTR);
-    if (rc == -EAGAIN || rc == -EBUSY) {
-        // The kernel is short of room for now: let requests finish, then try again.
-        _reap(true);
-        return submit();
+        if (rc == -EINTR) continue;
+        // Short of room in the kernel for now: let requests finish, then try again.
+        if ((rc == -EAGAIN || rc == -EBUSY) && inFlight_ > 0) {
+            _reap(true);
+            if (!ring_) return;
+            continue;
+        }
+        break;
     }
     if (rc < 0) return _fallBackToPlainStatx();
     size_t submitted = std::min(size_t(rc), queued_.size());
@@ -183,6 +184,7 @@ void CatalogueSession::submit() {
     _reap(false);
 }
 
+// Collects the completions already posted; with `wait`, first waits for one.
 void CatalogueSession::_reap(bool wait) {
     if (!ring_) return;
     struct io_uring_cqe* cqe = nullptr;
@@ -191,8 +193,6 @@ void CatalogueSession::_reap(bool wait) {
         do rc = io_uring_wait_cqe(&ring_->ring, &cqe);
         while (rc == -EINTR);
         if (rc < 0) return _fallBackToPlainStatx();
-    } else if (ring_->deferredTaskRun && inFlight_ > 0) {
-        io_uring_get_events(&ring_->ring);
     }
     unsigned head;
     unsigned seen = 0;

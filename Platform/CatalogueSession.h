@@ -34,6 +34,8 @@ public:
     // Tests: sessions created from now on use `method` (io_uring only where the kernel
     // allows it); nullopt restores the process choice.
     static void setMethodForTesting(std::optional<Method> method);
+    // The method a session created now asks for: the test override, else the process's.
+    static Method methodForNewSessions();
 
     CatalogueSession();
     // Waits for the requests still running and closes the descriptors kept for them.
@@ -41,7 +43,9 @@ public:
     CatalogueSession(const CatalogueSession&) = delete;
     CatalogueSession& operator=(const CatalogueSession&) = delete;
 
+    // The method in use: the one asked for, unless io_uring could not be set up.
     Method method() const { return method_; }
+    Method requestedMethod() const { return requested_; }
     // The process that set up the session; a forked child must make its own.
     pid_t owner() const { return owner_; }
 
@@ -68,6 +72,7 @@ private:
     void _retain(int descriptor);
     void _release(int descriptor);
 
+    Method requested_;
     Method method_ = Method::plainStatx;
     pid_t owner_;
     uint64_t total_ = 0;

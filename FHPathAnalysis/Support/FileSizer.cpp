@@ -53,6 +53,7 @@ struct Level {
 class Walk {
 public:
     pid_t owner() const { return session_.owner(); }
+    CatalogueSession::Method requestedMethod() const { return session_.requestedMethod(); }
     bool busy = false;
 
     // Allocated bytes below the directory at `path`; 0 when it cannot be listed.
@@ -119,8 +120,11 @@ private:
 
 uint64_t walkDirectory(const std::string& path) {
     thread_local std::unique_ptr<Walk> cached;
-    // A walk inherited through fork shares its ring with the parent.
-    if (cached && cached->owner() != getpid()) cached.reset();
+    // A walk inherited through fork shares its ring with the parent; one made before a
+    // test chose another statx method does not use it.
+    if (cached && !cached->busy &&
+        (cached->owner() != getpid() || cached->requestedMethod() != CatalogueSession::methodForNewSessions()))
+        cached.reset();
     if (!cached) cached = std::make_unique<Walk>();
     if (cached->busy) {
         // Sizing again from inside a walk (a log sink, say) needs a walk of its own.

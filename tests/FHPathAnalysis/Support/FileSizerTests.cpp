@@ -48,6 +48,12 @@ std::map<std::string, uint64_t> findAllocatedByChild(const std::string& path) {
     return sizes;
 }
 
+size_t openDescriptors() {
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : stdfs::directory_iterator("/proc/self/fd")) ++count;
+    return count;
+}
+
 void writeSized(const std::string& path, size_t size) { writeFile(path, std::string(size, 'x')); }
 
 void writeSparse(const std::string& path, std::streamoff holeBefore, const std::string& tail) {
@@ -151,7 +157,11 @@ TEST_F(FileSizerTest, LargeDirectorySpanningManyListingsMatchesFind) {
     uint64_t expected = findAllocated(root);
     for (auto method : kMethods) {
         CatalogueSession::setMethodForTesting(method);
+        FileSizer::sizeForPath(temp.path());  // the thread's walk and its ring exist from here on
+        size_t before = openDescriptors();
         EXPECT_EQ(expected, FileSizer::sizeForPath(root));
+        // Descriptors kept open for requests in flight are all closed by the end.
+        EXPECT_EQ(before, openDescriptors());
     }
 }
 
