@@ -35,5 +35,6 @@ inline constexpr int kInstallerFacility = 14 << 3;
 inline constexpr int kLogError = 3;
 inline constexpr int kLogWarning = 4;
 inline constexpr int kLogNotice = 5;
+inline constexpr int kLogDebug = 7;
 
 }  // namespace platform
