@@ -54,6 +54,35 @@ std::optional<Bundle> Bundle::open(const std::string& path) {
     return Bundle(path, std::move(resources), info ? std::move(*info) : Dictionary{});
 }
 
+std::vector<std::string> Bundle::bundlePathsBelow(const std::string& directory) {
+    std::vector<std::string> found;
+    std::vector<std::string> pending{directory};
+    while (!pending.empty()) {
+        std::string current = std::move(pending.back());
+        pending.pop_back();
+        auto names = fs::contentsOfDirectory(current);
+        if (!names) continue;
+        for (const auto& name : *names) {
+            std::string child = path::appendComponent(current, name);
+            auto attributes = fs::attributes(child);
+            auto* type = attributes ? attributes->findString(fs::kFileType) : nullptr;
+            if (!type || *type != fs::kFileTypeDirectory) continue;
+            if (isBundle(child))
+                found.push_back(std::move(child));
+            else
+                pending.push_back(std::move(child));
+        }
+    }
+    return found;
+}
+
+Dictionary Bundle::bundleInformationAtPath(const std::string& directory) {
+    Dictionary information;
+    for (const auto& bundlePath : bundlePathsBelow(directory))
+        if (auto bundle = open(bundlePath)) information.set(bundlePath, bundle->infoDictionary());
+    return information;
+}
+
 std::optional<std::string> Bundle::string(const char* key) const {
     const std::string* value = info_.findString(key);
     if (!value) return std::nullopt;

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Platform/Value.h"
 
@@ -23,6 +24,11 @@ public:
     static bool isBundle(const std::string& path);
     // Whether the extension (without the dot) is one that bundles carry.
     static bool isBundleExtension(const std::string& extension);
+    // The bundles found by walking the directory at `path` (symbolic links not followed,
+    // a found bundle not descended into), each path to its information dictionary.
+    static Dictionary bundleInformationAtPath(const std::string& path);
+    // The keys of bundleInformationAtPath, in walk order.
+    static std::vector<std::string> bundlePathsBelow(const std::string& path);
 
     const std::string& bundlePath() const { return bundlePath_; }
     const Dictionary& infoDictionary() const { return info_; }

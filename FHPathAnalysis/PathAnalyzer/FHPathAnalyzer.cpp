@@ -2,10 +2,15 @@
 
 #include <algorithm>
 #include <map>
+#include <unordered_set>
 
 #include "FHPathAnalysis/ConfMigrator/FHConfMigrator.h"
 #include "FHPathAnalysis/FindSystemFiles/FHFindSystemFiles.h"
+#include "CrateworksCore/Package_API/Receipts/CWReceipt.h"
 #include "FHPathAnalysis/PathAnalyzer/FHStringPredicate.h"
+#include "FHPathAnalysis/PathAnalyzer/FHUserPathWalk.h"
+#include "FHPathAnalysis/Support/FTSDirectoryEnumerator.h"
+#include "Platform/Bundle.h"
 #include "FHPathAnalysis/Support/FileSizer.h"
 #include "Platform/Exception.h"
 #include "Platform/FileSystem.h"
@@ -176,4 +181,152 @@ void FHPathAnalyzer::_superPruneForExpressions(const std::vector<std::string>& e
     if (kept.empty() || (!matching && kept.size() == names->size())) return;
     std::erase(paths, fromPath);
     for (const auto& name : kept) paths.push_back(path::appendComponent(fromPath, name));
+}
+
+// ---- User paths ----
+
+std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedUserPathsWithParentDirectory(
+    const std::optional<std::string>& parent, const std::optional<PathList>& omittingPaths) {
+    return prunedUserPathsWithParentDirectory(parent, omittingPaths, std::optional<PathList>());
+}
+
+namespace {
+
+void removeEvery(std::vector<std::string>& paths, const std::unordered_set<std::string>& unwanted) {
+    std::erase_if(paths, [&](const std::string& p) { return unwanted.count(p) > 0; });
+}
+
+void removeParentDirectories(std::vector<std::string>& paths, const std::string& of) {
+    auto parents = path::parentDirectories(of);
+    removeEvery(paths, std::unordered_set<std::string>(parents.begin(), parents.end()));
+}
+
+std::unordered_set<std::string> asSet(const std::optional<std::vector<std::string>>& list) {
+    return list ? std::unordered_set<std::string>(list->begin(), list->end()) : std::unordered_set<std::string>{};
+}
+
+}  // namespace
+
+std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedUserPathsWithParentDirectory(
+    const std::optional<std::string>& parent, const std::optional<PathList>& omittingPaths,
+    const std::optional<PathList>& includingPaths) {
+    std::lock_guard lock(_lock);
+    _isCancelled = false;
+    const std::string directory = parent.value_or("/");
+    const PathList omitted = omittingPaths.value_or(PathList{});
+
+    PathList userPaths = FHConfMigrator::allUserPathsAtPath(_rootPath);
+    _fsf->addPrunePaths(FHConfMigrator::allConfigPathsAtPath(_rootPath));
+    if (!userPaths.empty()) _fsf->addPrunePaths(userPaths);
+    if (includingPaths) _fsf->addPrunePaths(*includingPaths);
+    auto systemPaths = _fsf->systemPaths();
+    if (!systemPaths) return std::nullopt;
+
+    FHUserPathWalk walk(_rootPath, directory, *systemPaths, asSet(FHFindSystemFiles::_searchPaths()),
+                        asSet(FHFindSystemFiles::_searchChildrenOfPaths()), omitted);
+    bool de = walk.run();
+    FH_ASSERT_AT_LINE("-[FHPathAnalyzer prunedUserPathsWithParentDirectory:omittingPaths:includingPaths:]", 329, de,
+                      "the walk of " + directory + " cannot be started");
+    PathList result = walk.result();
+
+    // Configuration and other prune paths never count as user paths; the rules' user paths do.
+    std::unordered_set<std::string> prunes(_fsf->prunePaths().begin(), _fsf->prunePaths().end());
+    for (const auto& user : userPaths) prunes.erase(user);
+    removeEvery(result, prunes);
+
+    if (includingPaths) {
+        result.insert(result.end(), includingPaths->begin(), includingPaths->end());
+        for (const auto& included : *includingPaths) removeParentDirectories(result, included);
+    }
+    if (directory == "/Library")
+        _superPruneForExpressions({"com.quarn.user*pictureCache*"}, true, "/Library/Caches", result);
+    if (directory == "/Applications" || directory == "/System/Library")
+        _superPruneForExpressions({"ZRVAgent.app", "QuarnVNCServer.bundle"}, true,
+                                  "/System/Library/CoreServices/RemoteManagement", result);
+    if (std::find(result.begin(), result.end(), "/home") != result.end()) {
+        auto names = platform::fs::contentsOfDirectory(path::appendComponent(_rootPath, "/home"));
+        if (!names || names->empty()) std::erase(result, std::string("/home"));
+    }
+    std::erase_if(result, [&](const std::string& p) {
+        auto attributes = platform::fs::attributes(path::appendComponent(_rootPath, p));
+        auto* type = attributes ? attributes->findString(platform::fs::kFileType) : nullptr;
+        return type && *type == platform::fs::kFileTypeSocket;
+    });
+    std::sort(result.begin(), result.end());
+    return result;
+}
+
+std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedUserPathsWithParentDirectory(
+    const std::optional<std::string>& parent, const std::optional<PathList>& omittingPaths, bool expandingBundles) {
+    auto kept = prunedUserPathsWithParentDirectory(parent, omittingPaths);
+    if (!kept || !expandingBundles) return kept;
+    PathList expanded;
+    for (const auto& p : *kept) {
+        if (platform::Bundle::isBundle(p)) {
+            expanded.push_back(p);
+            continue;
+        }
+        // Asked at the volume-relative path itself, not below the root.
+        PathList bundles = platform::Bundle::bundlePathsBelow(p);
+        if (bundles.empty()) {
+            expanded.push_back(p);
+            continue;
+        }
+        if (auto inside = prunedUserPathsWithParentDirectory(p, omittingPaths, bundles))
+            expanded.insert(expanded.end(), inside->begin(), inside->end());
+    }
+    return expanded;
+}
+
+FHPathAnalyzer::PathList FHPathAnalyzer::_findPathsWithParentDirectory(const std::string& parent,
+                                                                        const std::string& rootPath,
+                                                                        const PathList& omittingPaths,
+                                                                        bool expandDirectories) {
+    auto de = FTSDirectoryEnumerator::initWithDirectory(path::appendComponent(rootPath, parent),
+                                                        FTSDirectoryEnumerator::kAnalysisOptions);
+    FH_ASSERT_AT_LINE(
+        "+[FHPathAnalyzer(Private) _findPathsWithParentDirectory:rootPath:omittingPaths:expandDirectories:]", 514, de,
+        "the walk of " + parent + " cannot be started");
+    PathList listed;
+    while (auto entry = de->nextObject()) {
+        std::string p = path::appendComponent(parent, *entry);
+        enum class Why { None, Ancestor, Other } why = Why::None;
+        for (const auto& omitted : omittingPaths) {
+            // The skipped area is tested only here: with nothing omitted, nothing is skipped.
+            if (path::isInside(p, "/Network") || path::lastComponent(p) == "Caches" || path::isInside(p, omitted) ||
+                p == omitted) {
+                why = Why::Other;
+                break;
+            }
+            if (path::isInside(omitted, p)) {
+                why = Why::Ancestor;
+                break;
+            }
+        }
+        if (why == Why::Ancestor) continue;
+        if (why == Why::Other) {
+            de->skipDescendents();
+            continue;
+        }
+        listed.push_back(p);
+        bool isDirectory = false;
+        if (!expandDirectories && platform::fs::exists(path::appendComponent(rootPath, p), &isDirectory) && isDirectory)
+            de->skipDescendents();
+    }
+    return listed;
+}
+
+FHPathAnalyzer::PathList FHPathAnalyzer::_nonSystemReceiptStoragePaths() {
+    const std::string root = path::standardize(_rootPath);
+    PathList paths;
+    for (const auto& receipt : crateworks::CWReceipt::receiptsAtPath(path::appendComponent(root, "private/var/db/receipts"))) {
+        auto groups = receipt->packageGroups().value_or(std::vector<std::string>{});
+        auto inGroup = [&](const char* g) { return std::find(groups.begin(), groups.end(), g) != groups.end(); };
+        if (inGroup(FHFindSystemFiles::kSystemGroup) || inGroup(FHFindSystemFiles::kPrintersGroup)) continue;
+        for (auto storage : receipt->receiptStoragePaths()) {
+            if (root != "/" && str::hasPrefix(storage, root)) storage.erase(0, root.size());
+            paths.push_back(std::move(storage));
+        }
+    }
+    return paths;
 }

@@ -57,6 +57,30 @@ public:
     void _superPruneForExpressions(const std::vector<std::string>& expressions, bool matching,
                                    const std::string& fromPath, PathList& paths);
 
+    // ---- User paths ----
+
+    // The topmost paths below `parent` (default "/") that are neither system paths, nor
+    // configuration or user paths of the rules, nor omitted; sorted. Absent when the
+    // finder has no system paths.
+    std::optional<PathList> prunedUserPathsWithParentDirectory(const std::optional<std::string>& parent,
+                                                               const std::optional<PathList>& omittingPaths);
+    // The same; included paths always appear and their ancestors never do.
+    std::optional<PathList> prunedUserPathsWithParentDirectory(const std::optional<std::string>& parent,
+                                                               const std::optional<PathList>& omittingPaths,
+                                                               const std::optional<PathList>& includingPaths);
+    // With `expandingBundles`, a kept path that is not a bundle but holds bundles is
+    // replaced by the user paths found inside it (the list is then not re-sorted).
+    std::optional<PathList> prunedUserPathsWithParentDirectory(const std::optional<std::string>& parent,
+                                                               const std::optional<PathList>& omittingPaths,
+                                                               bool expandingBundles);
+    // A plain walk below `parent` of the volume at `rootPath`, without system paths: lists
+    // every path not omitted; with `expandDirectories` off it does not enter listed directories.
+    static PathList _findPathsWithParentDirectory(const std::string& parent, const std::string& rootPath,
+                                                  const PathList& omittingPaths, bool expandDirectories);
+    // Storage paths of the receipts that belong to neither system package group, with the
+    // root cut off their front.
+    PathList _nonSystemReceiptStoragePaths();
+
 private:
     FHPathAnalyzer() = default;
 
