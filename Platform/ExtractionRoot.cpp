@@ -19,6 +19,17 @@ namespace {
 std::atomic<bool> gUsesOpenat2{true};
 // Set once the kernel (or a sandbox in front of it) has refused openat2 itself.
 std::atomic<bool> gOpenat2Missing{false};
+// Temporary names are unique across every root of the process.
+std::atomic<unsigned> gTemporaryCounter{0};
+
+mode_t currentUmask() {
+    static const mode_t mask = [] {
+        mode_t m = umask(022);
+        umask(m);
+        return m;
+    }();
+    return mask;
+}
 
 std::pair<std::string, std::string> splitParent(const std::string& relativePath) {
     auto slash = relativePath.rfind('/');
@@ -38,7 +49,17 @@ struct timespec timespecFor(const Date& date) {
 
 void ExtractionRoot::setUsesOpenat2(bool uses) { gUsesOpenat2 = uses; }
 
-ExtractionRoot::ExtractionRoot(int fd, std::string path) : rootFd_(fd), path_(std::move(path)) {}
+ExtractionRoot::ExtractionRoot(int fd, std::string path) : rootFd_(fd), path_(std::move(path)), umask_(currentUmask()) {}
+
+std::unique_ptr<ExtractionRoot> ExtractionRoot::duplicate() const {
+    int fd = fcntl(rootFd_, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) return nullptr;
+    return std::unique_ptr<ExtractionRoot>(new ExtractionRoot(fd, path_));
+}
+
+std::string ExtractionRoot::_temporaryName(const std::string& name) const {
+    return fmt::format(".{}.xartmp{}-{}", name.substr(0, 64), getpid(), ++gTemporaryCounter);
+}
 
 ExtractionRoot::~ExtractionRoot() {
     if (cachedFd_ >= 0) close(cachedFd_);
@@ -118,7 +139,8 @@ bool ExtractionRoot::makeDirectory(const std::string& relativePath, mode_t mode,
     return true;
 }
 
-std::optional<ExtractionRoot::PendingFile> ExtractionRoot::createFile(const std::string& relativePath, Error* error) {
+std::optional<ExtractionRoot::PendingFile> ExtractionRoot::createFile(const std::string& relativePath, mode_t mode,
+                                                                     Error* error) {
     auto [parent, name] = splitParent(relativePath);
     if (!isPlainName(name)) {
         if (error) *error = _error(EINVAL, relativePath);
@@ -130,9 +152,10 @@ std::optional<ExtractionRoot::PendingFile> ExtractionRoot::createFile(const std:
         return std::nullopt;
     }
     for (int attempt = 0; attempt < 100; ++attempt) {
-        std::string temporary = fmt::format(".{}.xartmp{}-{}", name.substr(0, 64), getpid(), ++temporaryCounter_);
-        int fd = openat(dirFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (fd >= 0) return PendingFile{dirFd, fd, temporary, name, relativePath};
+        std::string temporary = _temporaryName(name);
+        int fd = openat(dirFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                        (mode & 0777) | 0200);
+        if (fd >= 0) return PendingFile{dirFd, fd, temporary, name, relativePath, ((mode & 0777) | 0200) & ~umask_};
         if (errno != EEXIST) break;
     }
     if (error) *error = _error(errno, relativePath);
@@ -140,7 +163,9 @@ std::optional<ExtractionRoot::PendingFile> ExtractionRoot::createFile(const std:
 }
 
 bool ExtractionRoot::commit(PendingFile& file, mode_t mode, std::optional<Date> modificationDate, Error* error) {
-    bool ok = fchmod(file.fd, mode & 07777) == 0;
+    // The file was created with these bits; the umask, a missing owner-write bit or the
+    // special bits are what a change is still needed for.
+    bool ok = (mode & 07777) == file.createdMode || fchmod(file.fd, mode & 07777) == 0;
     if (ok && modificationDate) {
         struct timespec times[2] = {{0, UTIME_OMIT}, timespecFor(*modificationDate)};
         ok = futimens(file.fd, times) == 0;
@@ -166,7 +191,7 @@ bool ExtractionRoot::makeSymbolicLink(const std::string& relativePath, const std
     auto [parent, name] = splitParent(relativePath);
     int dirFd = isPlainName(name) ? _directoryFd(parent) : (errno = EINVAL, -1);
     if (dirFd < 0) return (error ? (*error = _error(errno, relativePath), false) : false);
-    std::string temporary = fmt::format(".{}.xartmp{}-{}", name.substr(0, 64), getpid(), ++temporaryCounter_);
+    std::string temporary = _temporaryName(name);
     if (symlinkat(target.c_str(), dirFd, temporary.c_str()) != 0)
         return (error ? (*error = _error(errno, relativePath), false) : false);
     if (modificationDate) {

@@ -32,12 +32,15 @@ public:
         std::string temporaryName;
         std::string finalName;
         std::string relativePath;
+        mode_t createdMode = 0;  // the permission bits the file has now
     };
 
     // Relative paths are "/"-separated with no empty, "." or ".." component; the empty
     // path is the root itself. All answer false (or absent) with a POSIX error.
     bool makeDirectory(const std::string& relativePath, mode_t mode, Error* error = nullptr);
-    std::optional<PendingFile> createFile(const std::string& relativePath, Error* error = nullptr);
+    // The file is created with the permission bits of `mode` already (commit() then only
+    // changes them when the umask or special bits call for it).
+    std::optional<PendingFile> createFile(const std::string& relativePath, mode_t mode = 0600, Error* error = nullptr);
     // Sets the permission bits and modification time on the open file, then renames it
     // over whatever is at the final name (a symbolic link there is replaced, not followed).
     bool commit(PendingFile& file, mode_t mode, std::optional<Date> modificationDate, Error* error = nullptr);
@@ -48,11 +51,15 @@ public:
     bool setDirectoryAttributes(const std::string& relativePath, mode_t mode, std::optional<Date> modificationDate,
                                 Error* error = nullptr);
 
+    // Another root on the same directory, for use on another thread.
+    std::unique_ptr<ExtractionRoot> duplicate() const;
+
     // Test seam: false forces the component-wise walk even where openat2 exists.
     static void setUsesOpenat2(bool uses);
 
 private:
-    explicit ExtractionRoot(int fd, std::string path);
+    ExtractionRoot(int fd, std::string path);
+    std::string _temporaryName(const std::string& name) const;
     // Descriptor of the directory at `relativeDirectory` (cached); -1 with errno set.
     int _directoryFd(const std::string& relativeDirectory);
     int _openBeneath(const std::string& relativeDirectory) const;
@@ -62,7 +69,7 @@ private:
     std::string path_;
     std::string cachedDirectory_;
     int cachedFd_ = -1;
-    unsigned temporaryCounter_ = 0;
+    mode_t umask_ = 022;
 };
 
 }  // namespace platform

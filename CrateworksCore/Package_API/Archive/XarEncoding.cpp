@@ -194,20 +194,26 @@ bool decodeStream(Encoding encoding, uint64_t size, const ReadFunction& read, co
 }
 
 std::optional<platform::Data> decode(Encoding encoding, std::span<const uint8_t> stored, uint64_t size) {
+    platform::Data out;
+    if (!decodeInto(encoding, stored, size, out)) return std::nullopt;
+    return out;
+}
+
+bool decodeInto(Encoding encoding, std::span<const uint8_t> stored, uint64_t size, platform::Data& out) {
+    out.clear();
     if (encoding == Encoding::None) {
-        if (stored.size() != size) return std::nullopt;
-        return platform::Data(stored.begin(), stored.end());
+        if (stored.size() != size) return false;
+        out.assign(stored.begin(), stored.end());
+        return true;
     }
     if (encoding == Encoding::Gzip) {
-        if (size > uint64_t(stored.size()) * kMaxDeflateRatio + 64) return std::nullopt;
-        platform::Data out(size);
+        if (size > uint64_t(stored.size()) * kMaxDeflateRatio + 64) return false;
+        out.resize(size);
         size_t produced = 0;
         auto rc = libdeflate_zlib_decompress(decompressor(), stored.data(), stored.size(), out.data(), out.size(),
                                              &produced);
-        if (rc != LIBDEFLATE_SUCCESS || produced != size) return std::nullopt;
-        return out;
+        return rc == LIBDEFLATE_SUCCESS && produced == size;
     }
-    platform::Data out;
     size_t position = 0;
     auto read = [&](uint8_t* buffer, size_t capacity) -> int64_t {
         size_t n = std::min(capacity, stored.size() - position);
@@ -219,8 +225,7 @@ std::optional<platform::Data> decode(Encoding encoding, std::span<const uint8_t>
         out.insert(out.end(), bytes.begin(), bytes.end());
         return true;
     };
-    if (!decodeStream(encoding, size, read, write)) return std::nullopt;
-    return out;
+    return decodeStream(encoding, size, read, write);
 }
 
 platform::Data compressTOC(std::string_view xml) {

@@ -25,6 +25,8 @@ platform::Data deflate(std::span<const uint8_t> bytes, int level = 6);
 // Decodes `stored` to exactly `size` bytes; absent when the stream is damaged, ends
 // early, or would grow past `size` (decoding stops there).
 std::optional<platform::Data> decode(Encoding encoding, std::span<const uint8_t> stored, uint64_t size);
+// The same into `out`, whose memory is reused.
+bool decodeInto(Encoding encoding, std::span<const uint8_t> stored, uint64_t size, platform::Data& out);
 
 // Streaming decoder for entries too large to hold: `read` fills the buffer with the
 // next stored bytes and answers how many (0 at the end, -1 on error); `write` takes the

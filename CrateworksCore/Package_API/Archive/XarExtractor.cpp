@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <unordered_set>
 #include <unistd.h>
 #include <vector>
 
@@ -17,8 +18,8 @@
 namespace crateworks::xar {
 
 namespace {
-constexpr size_t kDecodeWindow = 64;
-constexpr unsigned kDecodeThreads = 2;
+// Files are handed to the two writing threads in runs of this many entries.
+constexpr size_t kFilesPerRun = 8;
 
 bool writeAll(int fd, const uint8_t* bytes, size_t size) {
     while (size > 0) {
@@ -35,64 +36,6 @@ bool isRegular(File file) { return file->type == "file" || (file->type == "hardl
 
 bool fitsInMemory(File file) { return !file->data || file->data->size <= kMaxInMemoryEntrySize; }
 
-// Decodes the in-memory files of an archive ahead of the writer, in TOC order.
-class DecodeAhead {
-public:
-    DecodeAhead(const XarHandle& archive, std::vector<File> files)
-        : archive_(archive), files_(std::move(files)), results_(files_.size()), ready_(files_.size(), false) {
-        for (unsigned i = 0; i < std::min<size_t>(kDecodeThreads, files_.size()); ++i)
-            threads_.emplace_back([this] { _work(); });
-    }
-    ~DecodeAhead() {
-        {
-            std::lock_guard lock(mutex_);
-            stopping_ = true;
-        }
-        changed_.notify_all();
-        for (auto& t : threads_) t.join();
-    }
-
-    // The decoded bytes of files[index] (absent when the entry is damaged); indexes are
-    // taken in order.
-    std::optional<platform::Data> take(size_t index) {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return ready_[index]; });
-        consumed_ = index + 1;
-        changed_.notify_all();
-        return std::move(results_[index]);
-    }
-
-private:
-    void _work() {
-        for (;;) {
-            size_t index;
-            {
-                std::unique_lock lock(mutex_);
-                changed_.wait(lock, [&] { return stopping_ || (next_ < files_.size() && next_ < consumed_ + kDecodeWindow); });
-                if (stopping_) return;
-                index = next_++;
-            }
-            auto bytes = archive_.extractToBuffer(files_[index], true);
-            {
-                std::lock_guard lock(mutex_);
-                results_[index] = std::move(bytes);
-                ready_[index] = true;
-            }
-            changed_.notify_all();
-        }
-    }
-
-    const XarHandle& archive_;
-    std::vector<File> files_;
-    std::vector<std::optional<platform::Data>> results_;
-    std::vector<bool> ready_;
-    size_t next_ = 0;
-    size_t consumed_ = 0;
-    bool stopping_ = false;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::thread> threads_;
-};
 }  // namespace
 
 XarExtractor::XarExtractor(const XarHandle& archive, platform::ExtractionRoot& root)
@@ -118,7 +61,8 @@ std::optional<platform::Date> XarExtractor::modificationDateOf(File file) {
 
 bool XarExtractor::_writeFile(File file, const std::string& relativePath, const platform::Data& bytes,
                               platform::Error* error) {
-    auto pending = root_.createFile(relativePath, error);
+    mode_t mode = modeOf(file, 0644);
+    auto pending = root_.createFile(relativePath, mode, error);
     if (!pending) return false;
     if (!writeAll(pending->fd, bytes.data(), bytes.size())) {
         int saved = errno;
@@ -126,7 +70,7 @@ bool XarExtractor::_writeFile(File file, const std::string& relativePath, const 
         setPOSIXError(error, saved, relativePath);
         return false;
     }
-    return root_.commit(*pending, modeOf(file, 0644), modificationDateOf(file), error);
+    return root_.commit(*pending, mode, modificationDateOf(file), error);
 }
 
 bool XarExtractor::_streamFile(File file, const std::string& relativePath, platform::Error* error) {
@@ -137,7 +81,7 @@ bool XarExtractor::_streamFile(File file, const std::string& relativePath, platf
         setCorruptFileError(error, file->path);
         return false;
     }
-    auto pending = root_.createFile(relativePath, error);
+    auto pending = root_.createFile(relativePath, modeOf(file, 0644), error);
     if (!pending) return false;
     platform::digest::Hasher archived(archivedAlgorithm.value_or(platform::digest::Algorithm::SHA1));
     platform::digest::Hasher extracted(extractedAlgorithm.value_or(platform::digest::Algorithm::SHA1));
@@ -185,12 +129,11 @@ bool XarExtractor::_extractSimple(File file, const std::string& relativePath, pl
 bool XarExtractor::extractEntry(File file, const std::string& relativePath, platform::Error* error) {
     if (isRegular(file)) {
         if (!fitsInMemory(file)) return _streamFile(file, relativePath, error);
-        auto bytes = archive_.extractToBuffer(file, true);
-        if (!bytes) {
+        if (!archive_.extractInto(file, stored_, bytes_, true)) {
             setCorruptFileError(error, file->path);
             return false;
         }
-        return _writeFile(file, relativePath, *bytes, error);
+        return _writeFile(file, relativePath, bytes_, error);
     }
     if (!_extractSimple(file, relativePath, error)) return false;
     if (file->type == "directory")
@@ -199,35 +142,73 @@ bool XarExtractor::extractEntry(File file, const std::string& relativePath, plat
 }
 
 bool XarExtractor::extractAll(std::string* failedPath, platform::Error* error) {
-    std::vector<File> inMemory;
-    for (File f = archive_.first(); f; f = archive_.next(f))
-        if (isRegular(f) && fitsInMemory(f)) inMemory.push_back(f);
-    DecodeAhead ahead(archive_, inMemory);
-    size_t nextDecoded = 0;
-    std::vector<File> directories;
+    std::vector<File> entries;
+    std::unordered_set<std::string_view> seen;
+    bool repeatedPaths = false;
+    for (File f = archive_.first(); f; f = archive_.next(f)) {
+        entries.push_back(f);
+        repeatedPaths = !seen.insert(f->path).second || repeatedPaths;
+    }
     auto failed = [&](File f) {
         if (failedPath) *failedPath = f->path;
         return false;
     };
-    for (File f = archive_.first(); f; f = archive_.next(f)) {
-        bool ok;
-        if (isRegular(f) && fitsInMemory(f)) {
-            auto bytes = ahead.take(nextDecoded++);
-            if (!bytes) setCorruptFileError(error, f->path);
-            ok = bytes && _writeFile(f, f->path, *bytes, error);
-        } else if (isRegular(f)) {
-            ok = _streamFile(f, f->path, error);
-        } else {
-            ok = _extractSimple(f, f->path, error);
-            if (ok && f->type == "directory") directories.push_back(f);
-        }
-        if (!ok) return failed(f);
+    std::vector<File> directories, files, others;
+    for (File f : entries) (f->type == "directory" ? directories : isRegular(f) ? files : others).push_back(f);
+
+    if (repeatedPaths) {
+        // A later entry replaces an earlier one of the same path, so order matters: one thread.
+        for (File f : entries)
+            if (!(isRegular(f) ? extractEntry(f, f->path, error) : _extractSimple(f, f->path, error))) return failed(f);
+    } else {
+        // Directories first (parents come before children in TOC order), then the files
+        // on two threads, then links and the rest.
+        for (File d : directories)
+            if (!root_.makeDirectory(d->path, modeOf(d, 0755), error)) return failed(d);
+        if (!_extractFilesInParallel(files, failedPath, error)) return false;
+        for (File f : others)
+            if (!_extractSimple(f, f->path, error)) return failed(f);
     }
     // Deepest first, so that a read-only directory has received everything below it.
     std::stable_sort(directories.begin(), directories.end(), [](File a, File b) { return a->depth > b->depth; });
     for (File d : directories)
         if (!root_.setDirectoryAttributes(d->path, modeOf(d, 0755), modificationDateOf(d), error)) return failed(d);
     return true;
+}
+
+bool XarExtractor::_extractFilesInParallel(const std::vector<File>& files, std::string* failedPath,
+                                           platform::Error* error) {
+    std::atomic<size_t> next{0};
+    std::atomic<bool> stop{false};
+    std::mutex mutex;
+    size_t failedIndex = files.size();
+    auto work = [&](platform::ExtractionRoot& root) {
+        XarExtractor extractor(archive_, root);
+        while (!stop) {
+            size_t begin = next.fetch_add(kFilesPerRun);
+            for (size_t i = begin; i < std::min(begin + kFilesPerRun, files.size()); ++i) {
+                platform::Error entryError;
+                if (extractor.extractEntry(files[i], files[i]->path, &entryError)) continue;
+                std::lock_guard lock(mutex);
+                // The first failing entry in TOC order is the one reported.
+                if (i < failedIndex) {
+                    failedIndex = i;
+                    if (error) *error = std::move(entryError);
+                }
+                stop = true;
+                return;
+            }
+            if (begin >= files.size()) return;
+        }
+    };
+    std::unique_ptr<platform::ExtractionRoot> second = files.size() > kFilesPerRun ? root_.duplicate() : nullptr;
+    std::thread helper;
+    if (second) helper = std::thread(work, std::ref(*second));
+    work(root_);
+    if (helper.joinable()) helper.join();
+    if (failedIndex == files.size()) return true;
+    if (failedPath) *failedPath = files[failedIndex]->path;
+    return false;
 }
 
 }  // namespace crateworks::xar

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "CrateworksCore/Package_API/Archive/XarHandle.h"
 #include "Platform/Error.h"
@@ -22,9 +23,10 @@ public:
     // warning. False with a POSIX error, or the corrupt-file error naming the entry.
     bool extractEntry(File file, const std::string& relativePath, platform::Error* error = nullptr);
 
-    // Writes every entry in TOC order, decoding files ahead on two threads, then sets
-    // the directories' modes and times deepest first. Stops at the first entry that
-    // fails; `failedPath` receives its path in the archive.
+    // Writes every entry: directories, then files on two threads, then links, and at
+    // last the directories' modes and times, deepest first (an archive that names one
+    // path twice is written in TOC order on one thread, the later entry replacing the
+    // earlier). Stops at the first entry that fails; `failedPath` receives its path.
     bool extractAll(std::string* failedPath = nullptr, platform::Error* error = nullptr);
 
     // The entry's permission bits (its "mode" read as octal) and modification date.
@@ -35,9 +37,13 @@ private:
     bool _writeFile(File file, const std::string& relativePath, const platform::Data& bytes, platform::Error* error);
     bool _streamFile(File file, const std::string& relativePath, platform::Error* error);
     bool _extractSimple(File file, const std::string& relativePath, platform::Error* error);
+    bool _extractFilesInParallel(const std::vector<File>& files, std::string* failedPath, platform::Error* error);
 
     const XarHandle& archive_;
     platform::ExtractionRoot& root_;
+    // Reused from entry to entry.
+    platform::Data stored_;
+    platform::Data bytes_;
 };
 
 }  // namespace crateworks::xar

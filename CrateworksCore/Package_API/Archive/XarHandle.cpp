@@ -264,15 +264,21 @@ int XarHandle::verify(File file) const {
 }
 
 std::optional<platform::Data> XarHandle::extractToBuffer(File file, bool checkArchivedChecksum) const {
-    if (!file->data) return platform::Data{};
+    platform::Data stored, out;
+    if (!extractInto(file, stored, out, checkArchivedChecksum)) return std::nullopt;
+    return out;
+}
+
+bool XarHandle::extractInto(File file, platform::Data& stored, platform::Data& out, bool checkArchivedChecksum) const {
+    out.clear();
+    if (!file->data) return true;
     const DataInfo& d = *file->data;
-    auto stored = _storedBytes(d);
-    if (!stored) return std::nullopt;
-    if (checkArchivedChecksum && !checksumMatches(d.archivedChecksumStyle, d.archivedChecksum, *stored))
-        return std::nullopt;
-    auto bytes = decode(d.encoding, *stored, d.size);
-    if (!bytes || !checksumMatches(d.extractedChecksumStyle, d.extractedChecksum, *bytes)) return std::nullopt;
-    return bytes;
+    if (!inBounds(d.offset, d.length, heapSize_)) return false;
+    stored.resize(d.length);
+    if (!readHeap(d.offset, d.length, stored.data())) return false;
+    if (checkArchivedChecksum && !checksumMatches(d.archivedChecksumStyle, d.archivedChecksum, stored)) return false;
+    return decodeInto(d.encoding, stored, d.size, out) &&
+           checksumMatches(d.extractedChecksumStyle, d.extractedChecksum, out);
 }
 
 bool XarHandle::extractToFile(File file, const std::string& destination, platform::Error* error) const {

@@ -66,6 +66,9 @@ public:
     // The extracted bytes with their extracted checksum checked (and the archived one
     // too when asked); absent on any fault. Decoding stops at the declared size.
     std::optional<platform::Data> extractToBuffer(File file, bool checkArchivedChecksum = false) const;
+    // The same into `out`, with `stored` as scratch space; both keep their memory for
+    // the next entry.
+    bool extractInto(File file, platform::Data& stored, platform::Data& out, bool checkArchivedChecksum) const;
     // Writes the entry (a file, a directory, or a symbolic link) at `destination`
     // without following a link there; false with a POSIX or corrupt-file error.
     bool extractToFile(File file, const std::string& destination, platform::Error* error = nullptr) const;

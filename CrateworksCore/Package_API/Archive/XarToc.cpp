@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <libxml/parser.h>
-#include <libxml/tree.h>
+#include <libxml/xmlreader.h>
 
 #include "CrateworksCore/Package_API/Archive/XarLimits.h"
 #include "Platform/Base64.h"
@@ -25,42 +25,11 @@ std::optional<uint64_t> parseU64(std::string_view text) {
 
 namespace {
 
-bool named(const xmlNode* node, const char* name) {
-    return node->type == XML_ELEMENT_NODE && xmlStrcmp(node->name, reinterpret_cast<const xmlChar*>(name)) == 0;
-}
-
-bool hasElementChildren(const xmlNode* node) {
-    for (const xmlNode* c = node->children; c; c = c->next)
-        if (c->type == XML_ELEMENT_NODE) return true;
-    return false;
-}
-
-std::optional<std::string> textOf(const xmlNode* node) {
-    std::optional<std::string> text;
-    for (const xmlNode* c = node->children; c; c = c->next) {
-        if ((c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE) && c->content) {
-            if (!text) text.emplace();
-            text->append(reinterpret_cast<const char*>(c->content));
-        }
-    }
-    return text;
-}
-
 std::string trimmed(std::string_view s) {
     auto isSpace = [](char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; };
     while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
     while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
     return std::string(s);
-}
-
-std::vector<std::pair<std::string, std::string>> attributesOf(const xmlNode* node) {
-    std::vector<std::pair<std::string, std::string>> out;
-    for (const xmlAttr* a = node->properties; a; a = a->next) {
-        xmlChar* value = xmlNodeListGetString(node->doc, a->children, 1);
-        out.emplace_back(reinterpret_cast<const char*>(a->name), value ? reinterpret_cast<const char*>(value) : "");
-        xmlFree(value);
-    }
-    return out;
 }
 
 std::string attribute(const Property& p, std::string_view name) {
@@ -74,55 +43,211 @@ bool isSafeName(const std::string& name) {
            name.find('\0') == std::string::npos;
 }
 
-uint64_t countFileElements(const xmlNode* node) {
-    uint64_t n = 1;
-    for (const xmlNode* c = node->children; c; c = c->next)
-        if (named(c, "file")) n += countFileElements(c);
-    return n;
+std::string lowerTrimmed(std::string_view s) {
+    std::string out = trimmed(s);
+    std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    return out;
 }
 
+// Reads the TOC as a stream of elements (no document tree is built): every leaf
+// element below a <file> becomes a property named by its element path, <file>
+// elements become entries, and the archive-level elements are read for the checksum
+// and the signatures.
 class Parser {
 public:
-    explicit Parser(std::string* diagnostic) : diagnostic_(diagnostic) {}
+    Parser(xmlTextReaderPtr reader, std::string* diagnostic) : reader_(reader), diagnostic_(diagnostic) {}
 
-    std::optional<Toc> run(xmlDoc* doc) {
-        if (doc->intSubset) return fail("the TOC carries a DOCTYPE");
-        const xmlNode* root = xmlDocGetRootElement(doc);
-        if (!root || !named(root, "xar")) return fail("the TOC has no <xar> root");
-        const xmlNode* tocNode = nullptr;
-        for (const xmlNode* c = root->children; c && !tocNode; c = c->next)
-            if (named(c, "toc")) tocNode = c;
-        if (!tocNode) return fail("the TOC has no <toc> element");
-        for (const xmlNode* c = tocNode->children; c; c = c->next) {
-            if (c->type != XML_ELEMENT_NODE) continue;
-            bool ok = named(c, "file") ? parseFile(c, nullptr, 1) : parseArchiveElement(c);
+    std::optional<Toc> run() {
+        int rc;
+        while ((rc = xmlTextReaderRead(reader_)) == 1) {
+            bool ok = true;
+            switch (xmlTextReaderNodeType(reader_)) {
+            case XML_READER_TYPE_DOCUMENT_TYPE: return fail("the TOC carries a DOCTYPE");
+            case XML_READER_TYPE_ELEMENT: ok = startElement(); break;
+            case XML_READER_TYPE_END_ELEMENT: ok = endElement(); break;
+            case XML_READER_TYPE_TEXT:
+            case XML_READER_TYPE_CDATA:
+                if (!frames_.empty()) {
+                    Frame& top = frames_.back();
+                    if (!top.text) top.text.emplace();
+                    top.text->append(reinterpret_cast<const char*>(xmlTextReaderConstValue(reader_)));
+                }
+                break;
+            default: break;
+            }
             if (!ok) return std::nullopt;
         }
+        if (rc != 0) return fail("the TOC is not well-formed XML");
+        if (!sawToc_) return fail("the TOC has no <xar><toc> elements");
         return std::move(toc_);
     }
 
 private:
+    enum class Kind { Outside, Toc, File, Inner };
+    struct Frame {
+        Kind kind;
+        std::string name;
+        std::string propertyPath;  // element path below the enclosing <file> or <toc>
+        std::vector<std::pair<std::string, std::string>> attributes;
+        std::optional<std::string> text;
+        bool hasElementChild = false;
+        size_t entryIndex = 0;  // for File frames: index into pending_
+    };
+    struct Pending {
+        std::unique_ptr<Entry> owned;  // until the entry is registered in the TOC
+        Entry* entry = nullptr;
+        bool decided = false;  // registered, or refused
+        bool refused = false;
+    };
+
     std::nullopt_t fail(std::string message) {
-        if (diagnostic_) *diagnostic_ = std::move(message);
+        if (diagnostic_ && diagnostic_->empty()) *diagnostic_ = std::move(message);
         return std::nullopt;
     }
+    bool failed(std::string message) {
+        fail(std::move(message));
+        return false;
+    }
 
-    void collectLeaves(const xmlNode* node, const std::string& prefix, std::vector<Property>& out) {
-        for (const xmlNode* c = node->children; c; c = c->next) {
-            if (c->type != XML_ELEMENT_NODE || named(c, "file")) continue;
-            std::string name = prefix + reinterpret_cast<const char*>(c->name);
-            if (hasElementChildren(c)) {
-                collectLeaves(c, name + "/", out);
-                continue;
+    std::vector<std::pair<std::string, std::string>> readAttributes() {
+        std::vector<std::pair<std::string, std::string>> out;
+        while (xmlTextReaderMoveToNextAttribute(reader_) == 1)
+            out.emplace_back(reinterpret_cast<const char*>(xmlTextReaderConstName(reader_)),
+                             reinterpret_cast<const char*>(xmlTextReaderConstValue(reader_)));
+        xmlTextReaderMoveToElement(reader_);
+        return out;
+    }
+
+    // The innermost <file> being read, or null at the archive level.
+    Pending* currentFile() {
+        for (auto it = frames_.rbegin(); it != frames_.rend(); ++it)
+            if (it->kind == Kind::File) return &pending_[it->entryIndex];
+        return nullptr;
+    }
+
+    bool startElement() {
+        std::string name = reinterpret_cast<const char*>(xmlTextReaderConstName(reader_));
+        bool empty = xmlTextReaderIsEmptyElement(reader_);
+        Frame frame{Kind::Inner, name, name, readAttributes(), std::nullopt, false, 0};
+        if (frames_.empty()) {
+            frame.kind = Kind::Outside;
+            if (name != "xar") return failed("the TOC has no <xar> root");
+        } else {
+            Frame& parent = frames_.back();
+            parent.hasElementChild = true;
+            if (parent.kind == Kind::Outside) {
+                frame.kind = name == "toc" ? Kind::Toc : Kind::Outside;
+                sawToc_ = sawToc_ || name == "toc";
+            } else if (name == "file" && (parent.kind == Kind::Toc || parent.kind == Kind::File)) {
+                if (!startFile(frame)) return false;
+            } else if (parent.kind == Kind::Inner) {
+                frame.propertyPath = parent.propertyPath + "/" + name;
             }
-            Property p{name, textOf(c), attributesOf(c)};
-            if (p.value && attribute(p, "enctype") == "base64") {
-                auto decoded = platform::base64::decode(*p.value);
-                p.value = decoded ? std::optional<std::string>(std::string(decoded->begin(), decoded->end()))
-                                  : std::nullopt;
-            }
-            out.push_back(std::move(p));
         }
+        frames_.push_back(std::move(frame));
+        return empty ? endElement() : true;
+    }
+
+    bool startFile(Frame& frame) {
+        unsigned depth = unsigned(pending_.size()) + 1;
+        if (depth > kMaxDepth) return failed(fmt::format("entries nest deeper than kMaxDepth ({})", kMaxDepth));
+        if (!pending_.empty() && !decide(pending_.back())) return false;
+        frame.kind = Kind::File;
+        frame.propertyPath.clear();
+        frame.entryIndex = pending_.size();
+        Pending p;
+        p.owned = std::make_unique<Entry>();
+        p.entry = p.owned.get();
+        p.entry->depth = depth;
+        for (const auto& [key, value] : frame.attributes)
+            if (key == "id") p.entry->id = parseU64(value).value_or(0);
+        pending_.push_back(std::move(p));
+        return true;
+    }
+
+    // Registers the entry (its name is known by now) or refuses it with its subtree.
+    bool decide(Pending& p) {
+        if (p.decided) return true;
+        p.decided = true;
+        Pending* parent = pending_.size() > 1 && &p == &pending_.back() ? &pending_[pending_.size() - 2] : nullptr;
+        const Property* name = p.entry->find("name");
+        if ((parent && parent->refused) || !name || !name->value || !isSafeName(*name->value)) {
+            p.refused = true;
+            return true;
+        }
+        if (++entryCount_ > kMaxEntryCount)
+            return failed(fmt::format("more entries than kMaxEntryCount ({})", kMaxEntryCount));
+        Entry* e = p.entry;
+        Entry* parentEntry = parent ? parent->entry : nullptr;
+        e->name = *name->value;
+        e->parent = parentEntry;
+        e->path = parentEntry ? parentEntry->path + "/" + e->name : e->name;
+        auto& siblings = parentEntry ? parentEntry->children : toc_.topLevel;
+        e->indexInParent = siblings.size();
+        siblings.push_back(e);
+        toc_.entries.push_back(std::move(p.owned));
+        return true;
+    }
+
+    bool endElement() {
+        Frame frame = std::move(frames_.back());
+        frames_.pop_back();
+        if (frame.kind == Kind::File) return endFile();
+        if (frame.kind != Kind::Inner) return true;
+        Pending* file = currentFile();
+        if (file && file->refused) return true;
+        if (!frame.hasElementChild) return addLeaf(frame, file ? file->entry : nullptr);
+        if (!file) return endArchiveElement(frame);
+        return true;
+    }
+
+    bool addLeaf(Frame& frame, Entry* entry) {
+        Property p{frame.propertyPath, std::move(frame.text), std::move(frame.attributes)};
+        if (p.value && attribute(p, "enctype") == "base64") {
+            auto decoded = platform::base64::decode(*p.value);
+            p.value = decoded ? std::optional<std::string>(std::string(decoded->begin(), decoded->end())) : std::nullopt;
+        }
+        if (!entry) {
+            archiveLeaves_.push_back(p);
+            toc_.properties.push_back(std::move(p));
+            return true;
+        }
+        entry->properties.push_back(std::move(p));
+        return true;
+    }
+
+    bool endArchiveElement(const Frame& frame) {
+        // An archive-level element with children is complete: its leaves are gathered.
+        std::vector<Property> leaves;
+        leaves.swap(archiveLeaves_);
+        if (frame.propertyPath.find('/') != std::string::npos) {
+            // Nested deeper (KeyInfo inside a signature): keep gathering for the parent.
+            archiveLeaves_ = std::move(leaves);
+            return true;
+        }
+        if (frame.name == "checksum") {
+            for (const auto& [key, value] : frame.attributes)
+                if (key == "style") toc_.checksumStyle = value;
+            return number(leaves, "checksum/offset", "the TOC checksum", toc_.checksumOffset) &&
+                   number(leaves, "checksum/size", "the TOC checksum", toc_.checksumSize);
+        }
+        if (frame.name == "signature" || frame.name == "x-signature") {
+            Signature s;
+            for (const auto& [key, value] : frame.attributes)
+                if (key == "style") s.type = value;
+            std::optional<uint64_t> offset, size;
+            if (!number(leaves, frame.name + "/offset", "a signature", offset) ||
+                !number(leaves, frame.name + "/size", "a signature", size))
+                return false;
+            s.offset = offset.value_or(0);
+            s.size = size.value_or(0);
+            for (const auto& leaf : leaves) {
+                if (!platform::str::hasSuffix(leaf.name, "/X509Certificate") || !leaf.value) continue;
+                if (auto der = platform::base64::decode(*leaf.value)) s.certificates.push_back(std::move(*der));
+            }
+            toc_.signatures.push_back(std::move(s));
+        }
+        return true;
     }
 
     bool number(const std::vector<Property>& props, std::string_view name, const std::string& where,
@@ -130,56 +255,27 @@ private:
         for (const auto& p : props) {
             if (p.name != name) continue;
             out = p.value ? parseU64(trimmed(*p.value)) : std::nullopt;
-            if (!out) return (fail(fmt::format("{} of {} is not an unsigned 64-bit number", name, where)), false);
+            if (!out) return failed(fmt::format("{} of {} is not an unsigned 64-bit number", name, where));
             return true;
         }
         return true;
     }
 
-    bool parseArchiveElement(const xmlNode* node) {
-        std::string name = reinterpret_cast<const char*>(node->name);
-        if (!hasElementChildren(node)) {
-            toc_.properties.push_back(Property{name, textOf(node), attributesOf(node)});
-            return true;
+    bool endFile() {
+        Pending& p = pending_.back();
+        if (!decide(p)) return false;
+        bool ok = true;
+        if (p.refused) {
+            toc_.refusedEntries += 1;
+        } else {
+            Entry& entry = *p.entry;
+            if (const Property* type = entry.find("type"); type && type->value) entry.type = trimmed(*type->value);
+            bool hasData = std::any_of(entry.properties.begin(), entry.properties.end(),
+                                       [](const Property& q) { return platform::str::hasPrefix(q.name, "data/"); });
+            ok = !hasData || parseData(entry);
         }
-        std::vector<Property> leaves;
-        collectLeaves(node, name + "/", leaves);
-        if (name == "checksum") {
-            for (const auto& [key, value] : attributesOf(node))
-                if (key == "style") toc_.checksumStyle = value;
-            if (!number(leaves, "checksum/offset", "the TOC checksum", toc_.checksumOffset) ||
-                !number(leaves, "checksum/size", "the TOC checksum", toc_.checksumSize))
-                return false;
-        } else if (name == "signature" || name == "x-signature") {
-            if (!parseSignature(node, leaves, name)) return false;
-        }
-        toc_.properties.insert(toc_.properties.end(), leaves.begin(), leaves.end());
-        return true;
-    }
-
-    void collectCertificates(const xmlNode* node, std::vector<platform::Data>& out) {
-        for (const xmlNode* c = node->children; c; c = c->next) {
-            if (named(c, "X509Certificate")) {
-                if (auto der = platform::base64::decode(textOf(c).value_or(""))) out.push_back(std::move(*der));
-            } else if (c->type == XML_ELEMENT_NODE) {
-                collectCertificates(c, out);
-            }
-        }
-    }
-
-    bool parseSignature(const xmlNode* node, const std::vector<Property>& leaves, const std::string& name) {
-        Signature s;
-        for (const auto& [key, value] : attributesOf(node))
-            if (key == "style") s.type = value;
-        std::optional<uint64_t> offset, size;
-        if (!number(leaves, name + "/offset", "a signature", offset) ||
-            !number(leaves, name + "/size", "a signature", size))
-            return false;
-        s.offset = offset.value_or(0);
-        s.size = size.value_or(0);
-        collectCertificates(node, s.certificates);
-        toc_.signatures.push_back(std::move(s));
-        return true;
+        pending_.pop_back();
+        return ok;
     }
 
     bool parseData(Entry& entry) {
@@ -189,7 +285,7 @@ private:
             !number(entry.properties, "data/length", entry.path, length) ||
             !number(entry.properties, "data/size", entry.path, size))
             return false;
-        if (!offset || !length || !size) return (fail(fmt::format("the data of {} is incomplete", entry.path)), false);
+        if (!offset || !length || !size) return failed(fmt::format("the data of {} is incomplete", entry.path));
         data.offset = *offset;
         data.length = *length;
         data.size = *size;
@@ -208,47 +304,14 @@ private:
         return true;
     }
 
-    static std::string lowerTrimmed(std::string_view s) {
-        std::string out = trimmed(s);
-        std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return char(std::tolower(c)); });
-        return out;
-    }
-
-    bool parseFile(const xmlNode* node, Entry* parent, unsigned depth) {
-        if (depth > kMaxDepth) return (fail(fmt::format("entries nest deeper than kMaxDepth ({})", kMaxDepth)), false);
-        auto entry = std::make_unique<Entry>();
-        collectLeaves(node, "", entry->properties);
-        const Property* name = entry->find("name");
-        if (!name || !name->value || !isSafeName(*name->value)) {
-            // An unsafe name refuses the entry and everything below it.
-            toc_.refusedEntries += countFileElements(node);
-            return true;
-        }
-        if (++entryCount_ > kMaxEntryCount)
-            return (fail(fmt::format("more entries than kMaxEntryCount ({})", kMaxEntryCount)), false);
-        entry->name = *name->value;
-        if (const Property* type = entry->find("type"); type && type->value) entry->type = trimmed(*type->value);
-        for (const auto& [key, value] : attributesOf(node))
-            if (key == "id") entry->id = parseU64(value).value_or(0);
-        entry->parent = parent;
-        entry->depth = depth;
-        entry->path = parent ? parent->path + "/" + entry->name : entry->name;
-        bool hasData = std::any_of(entry->properties.begin(), entry->properties.end(),
-                                   [](const Property& p) { return platform::str::hasPrefix(p.name, "data/"); });
-        if (hasData && !parseData(*entry)) return false;
-        auto& siblings = parent ? parent->children : toc_.topLevel;
-        entry->indexInParent = siblings.size();
-        siblings.push_back(entry.get());
-        Entry* self = entry.get();
-        toc_.entries.push_back(std::move(entry));
-        for (const xmlNode* c = node->children; c; c = c->next)
-            if (named(c, "file") && !parseFile(c, self, depth + 1)) return false;
-        return true;
-    }
-
+    xmlTextReaderPtr reader_;
     std::string* diagnostic_;
     Toc toc_;
+    std::vector<Frame> frames_;
+    std::vector<Pending> pending_;       // the <file> elements open now, outermost first
+    std::vector<Property> archiveLeaves_;
     uint64_t entryCount_ = 0;
+    bool sawToc_ = false;
 };
 
 // Names and link targets that are not valid UTF-8 or hold control characters are
@@ -355,14 +418,15 @@ std::optional<Toc> parseToc(std::string_view xml, std::string* diagnostic) {
     }
     // HUGE lifts the parser's own nesting cap so that kMaxDepth is the one that holds;
     // no DTD is loaded and no entity is substituted.
-    int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_HUGE;
-    xmlDoc* doc = xmlReadMemory(xml.data(), int(xml.size()), nullptr, nullptr, options);
-    if (!doc) {
+    int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_HUGE | XML_PARSE_NOBLANKS;
+    xmlTextReaderPtr reader = xmlReaderForMemory(xml.data(), int(xml.size()), nullptr, nullptr, options);
+    if (!reader) {
         if (diagnostic) *diagnostic = "the TOC is not well-formed XML";
         return std::nullopt;
     }
-    auto toc = Parser(diagnostic).run(doc);
-    xmlFreeDoc(doc);
+    if (diagnostic) diagnostic->clear();
+    auto toc = Parser(reader, diagnostic).run();
+    xmlFreeTextReader(reader);
     return toc;
 }
 

@@ -165,11 +165,11 @@ TEST(XarDamage, NoLinkIsFollowedOutOfTheDestination) {
     symlink((tmp / "outside").c_str(), (tmp / "root/esc").c_str());
     auto root = platform::ExtractionRoot::open(tmp / "root", false);
     platform::Error error;
-    EXPECT_FALSE(root->createFile("esc/f", &error));
+    EXPECT_FALSE(root->createFile("esc/f", 0644, &error));
     EXPECT_TRUE(error.code == ELOOP || error.code == ENOTDIR) << error.code;
     EXPECT_FALSE(root->makeDirectory("esc/d", 0755, &error));
     EXPECT_TRUE(root->makeDirectory("esc", 0755, &error));  // the link is replaced, not followed
-    auto file = root->createFile("esc/f", &error);
+    auto file = root->createFile("esc/f", 0644, &error);
     ASSERT_TRUE(file);
     EXPECT_TRUE(root->commit(*file, 0600, std::nullopt, &error));
     platform::ExtractionRoot::setUsesOpenat2(true);

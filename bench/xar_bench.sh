@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# XAR archives against bsdtar on one generated tree (20,000 files, about 200 MB of mixed
+# text and binary content): creation time and size, and extraction time of the same
+# gzip archive. Prints both times and the ratios (ours / bsdtar; lower is better).
+#   bench/xar_bench.sh [BUILD_DIR]   (default: build)
+# The work happens in memory (XAR_BENCH_DIR, default /dev/shm) so that the figures
+# measure the two programs rather than the disk's write-back.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+crateworks=$(realpath "$build/bin/crateworks")
+base=${XAR_BENCH_DIR:-/dev/shm}
+[ -d "$base" ] || base=/tmp
+work=$(mktemp -d "$base/xar-bench-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+python3 - "$work/tree" <<'PY'
+import os, random, sys
+root = sys.argv[1]
+rng = random.Random(20261123)
+words = [''.join(rng.choice('abcdefghijklmnopqrstuvwxyz') for _ in range(rng.randint(2, 10))) for _ in range(5000)]
+total, files = 0, 20000
+for i in range(files):
+    d = os.path.join(root, f"d{i % 40:02}", f"s{i % 7}")
+    os.makedirs(d, exist_ok=True)
+    size = rng.randint(1000, 19000)
+    kind = i % 4
+    if kind < 2:    # text
+        out = []
+        n = 0
+        while n < size:
+            line = ' '.join(rng.choices(words, k=rng.randint(4, 14))) + '\n'
+            out.append(line)
+            n += len(line)
+        data = ''.join(out).encode()[:size]
+    elif kind == 2:  # random bytes, incompressible
+        data = rng.randbytes(size)
+    else:            # structured binary: records with small varying fields
+        data = b''.join(i.to_bytes(4, 'little') + rng.randbytes(4) + b'\0' * 8 for i in range(size // 16))
+    with open(os.path.join(d, f"f{i:05}.{'txt' if kind < 2 else 'bin'}"), 'wb') as f:
+        f.write(data)
+    total += len(data)
+print(f"tree: {files} files, {total / 1e6:.0f} MB")
+PY
+
+now() { date +%s.%N; }
+timed() { local t0; t0=$(now); "$@" >/dev/null; echo "$(now) - $t0" | bc; }
+cat "$work"/tree/*/*/* >/dev/null  # warm the page cache
+
+t_bsd_create=$(timed bsdtar --format xar -cf "$work/bsdtar.xar" -C "$work/tree" .)
+t_our_create=$(timed "$crateworks" xar create "$work/ours.xar" "$work/tree")
+s_bsd=$(stat -c %s "$work/bsdtar.xar")
+s_our=$(stat -c %s "$work/ours.xar")
+
+mkdir "$work/x-bsdtar"
+t_bsd_extract=$(timed bsdtar -xf "$work/bsdtar.xar" -C "$work/x-bsdtar")
+t_our_extract=$(timed "$crateworks" xar extract "$work/bsdtar.xar" "$work/x-ours")
+diff -r "$work/x-bsdtar" "$work/x-ours" >/dev/null || { echo "extracted trees differ" >&2; exit 1; }
+rm -rf "$work/x-bsdtar" "$work/x-ours"
+mkdir "$work/x-bsdtar"
+t_bsd_extract2=$(timed bsdtar -xf "$work/ours.xar" -C "$work/x-bsdtar")
+t_our_extract2=$(timed "$crateworks" xar extract "$work/ours.xar" "$work/x-ours")
+
+ratio() { echo "scale=3; $1 / $2" | bc; }
+printf 'create:  crateworks %.2fs  bsdtar %.2fs  ratio %s\n' "$t_our_create" "$t_bsd_create" "$(ratio "$t_our_create" "$t_bsd_create")"
+printf 'size:    crateworks %d  bsdtar %d  ratio %s\n' "$s_our" "$s_bsd" "$(ratio "$s_our" "$s_bsd")"
+printf 'extract (bsdtar archive): crateworks %.2fs  bsdtar %.2fs  ratio %s\n' "$t_our_extract" "$t_bsd_extract" "$(ratio "$t_our_extract" "$t_bsd_extract")"
+printf 'extract (our archive):    crateworks %.2fs  bsdtar %.2fs  ratio %s\n' "$t_our_extract2" "$t_bsd_extract2" "$(ratio "$t_our_extract2" "$t_bsd_extract2")"
