@@ -1,8 +1,11 @@
-// A system on a volume, as a host program describes it: its root path.
+// A system on a volume, as a host program describes it: its root path and its users.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "FHPathAnalysis/IncompatibleApplications/FHSystemUser.h"
 
 class FHSystem {
 public:
@@ -11,6 +14,9 @@ public:
 
     // The system's root path, e.g. "/" or "/Volumes/Old".
     const std::string& path() const { return path_; }
+    // The users found on the system's volume (FHSystemUser::usersOfSystemAtPath); a
+    // host that knows its users better may answer them itself.
+    virtual std::vector<FHSystemUser> getSystemUsers() const { return FHSystemUser::usersOfSystemAtPath(path_); }
 
 private:
     std::string path_;
