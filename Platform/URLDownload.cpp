@@ -37,7 +37,6 @@ std::shared_ptr<URLDownload> URLDownload::initWithRequest(const URLRequest& requ
     const std::string& scheme = request.url.scheme();
     if (scheme != "http" && scheme != "https" && scheme != "file") return nullptr;
     auto download = std::shared_ptr<URLDownload>(new URLDownload(request, delegate, std::move(options)));
-    download->keepAlive_ = download;
     std::weak_ptr<URLDownload> weak = download;
     RunLoop::current()->perform([weak] {
         if (auto self = weak.lock()) self->_start();
@@ -89,7 +88,9 @@ void URLDownload::setDestination(const std::string& path, bool allowOverwrite) {
 
 void URLDownload::_start() {
     if (cancelled_) return;
-    auto self = shared_from_this();
+    // From here on the transfer keeps the download alive until it ends.
+    keepAlive_ = shared_from_this();
+    auto self = keepAlive_;
     if (delegate_) delegate_->downloadDidBegin(*this);
     if (!cancelled_) _connect();
 }

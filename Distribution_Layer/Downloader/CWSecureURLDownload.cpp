@@ -38,7 +38,6 @@ platform::URLTransferOptions CWSecureURLDownload::_options() { return {certifica
 
 std::shared_ptr<CWSecureURLDownload> CWSecureURLDownload::initWithURL(const platform::URL& url,
                                                                       CWDownloadDelegate* delegate) {
-    if (!canDownloadURL(url)) return nullptr;
     auto download = std::shared_ptr<CWSecureURLDownload>(new CWSecureURLDownload(delegate));
     return _attach(download, url, _options()) ? download : nullptr;
 }

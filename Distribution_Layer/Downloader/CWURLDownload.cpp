@@ -77,6 +77,10 @@ bool CWURLDownload::_attachResume(const std::shared_ptr<CWURLDownload>& self, co
     return self->_urlDownload != nullptr;
 }
 
+CWURLDownload::~CWURLDownload() {
+    if (_urlDownload) _urlDownload->cancel();
+}
+
 void CWURLDownload::cancel() { _urlDownload->cancel(); }
 
 platform::URL CWURLDownload::sourceURL() const { return _urlDownload->request().url; }

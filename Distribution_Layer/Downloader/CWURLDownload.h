@@ -25,6 +25,8 @@ public:
                                                              const std::string& destination,
                                                              CWDownloadDelegate* delegate);
 
+    // Dropping the download stops its transfer.
+    ~CWURLDownload() override;
     void cancel() override;
     std::string sourcePath() const override { return sourceURL().path(); }
     platform::URL sourceURL() const override;

@@ -1,0 +1,207 @@
+// The download factory, the abstract operations and the file copy.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Distribution_Layer/Downloader/CWFileDownload.h"
+#include "Distribution_Layer/Downloader/CWSecureURLDownload.h"
+#include "Distribution_Layer/Downloader/CWURLDownload.h"
+#include "Platform/Exception.h"
+#include "Platform/Log.h"
+#include "Platform/PropertyList.h"
+#include "RecordingDelegate.h"
+#include "support/TempDir.h"
+
+using namespace crateworks;
+using downloadtests::RecordingDelegate;
+using platform::URL;
+using testsupport::readFile;
+using testsupport::TempDir;
+using testsupport::writeFile;
+
+namespace {
+
+std::string pattern(size_t size) {
+    std::string s(size, '\0');
+    for (size_t i = 0; i < size; ++i) s[i] = char(i * 7 + i / 251);
+    return s;
+}
+
+int64_t soFar(const platform::Data& resume) {
+    return *platform::plist::readBytes(resume)->dictionary()->find("Downloaded So Far")->integer();
+}
+
+}  // namespace
+
+TEST(CWDownloadTests, ChoosesTheLastClassThatTakesTheURL) {
+    auto original = CWDownload::_downloadClasses();
+    RecordingDelegate delegate;
+    EXPECT_EQ(CWDownload::downloadWithURL(*URL::parse("https://localhost/x"), &delegate), nullptr);
+    EXPECT_NE(std::dynamic_pointer_cast<CWURLDownload>(CWDownload::downloadWithURL(*URL::parse("http://localhost/x"),
+                                                                                   &delegate)),
+              nullptr);
+    EXPECT_NE(std::dynamic_pointer_cast<CWFileDownload>(CWDownload::downloadWithURL(URL::fileURL("/tmp/x"), &delegate)),
+              nullptr);
+    EXPECT_EQ(CWDownload::downloadWithURL(*URL::parse("ftp://localhost/x"), &delegate), nullptr);
+
+    CWDownload::addDownloadClass(CWSecureURLDownload::downloadClass());
+    auto secure = CWDownload::downloadWithURL(*URL::parse("https://localhost/x"), &delegate);
+    EXPECT_NE(std::dynamic_pointer_cast<CWSecureURLDownload>(secure), nullptr);
+    // A later class that also takes http wins over the first ones.
+    CWDownload::addDownloadClass(CWFileDownload::downloadClass());
+    CWDownloadClass greedy = CWSecureURLDownload::downloadClass();
+    greedy.canDownloadURL = [](const URL&) { return true; };
+    CWDownload::addDownloadClass(greedy);
+    EXPECT_NE(std::dynamic_pointer_cast<CWSecureURLDownload>(
+                  CWDownload::downloadWithURL(*URL::parse("http://localhost/x"), &delegate)),
+              nullptr);
+    secure->cancel();
+    CWDownload::_downloadClasses() = original;
+}
+
+TEST(CWDownloadTests, AbstractOperationsRaiseNamedExceptions) {
+    struct Bare : CWDownload {
+        Bare() : CWDownload(nullptr) {}
+    } bare;
+    auto expectRaise = [](auto call, const std::string& operation) {
+        try {
+            call();
+            ADD_FAILURE() << operation << " did not raise";
+        } catch (const platform::Exception& e) {
+            EXPECT_EQ(e.name(), "Method Not Implemented In Subclass");
+            EXPECT_EQ(e.reason(), "This CWDownload Type does not implement: " + operation);
+        }
+    };
+    expectRaise([&] { bare.cancel(); }, "cancel");
+    expectRaise([&] { bare.sourcePath(); }, "sourcePath");
+    expectRaise([&] { bare.sourceURL(); }, "sourceURL");
+    expectRaise([&] { bare.resumeData(); }, "resumeData");
+    EXPECT_FALSE(bare.validatesDuringDownload());
+    EXPECT_FALSE(CWDownload::canDownloadURL(URL::fileURL("/x")));
+}
+
+TEST(CWDownloadTests, FileCopyReportsOnTheCreatingThreadIn2048ByteSteps) {
+    TempDir dir;
+    std::string source = pattern(10'000);
+    writeFile(dir / "src bin", source);
+    RecordingDelegate delegate;
+    auto download = CWDownload::downloadWithURL(URL::fileURL(dir / "src bin"), &delegate);
+    ASSERT_NE(download, nullptr);
+    EXPECT_EQ(download->sourcePath(), dir / "src bin");
+    download->setDestination(dir / "dst", false);
+    delegate.wait();
+    EXPECT_EQ(delegate.events, (std::vector<std::string>{"begin", "finish"}));
+    EXPECT_EQ(delegate.bytes, 10'000u);
+    EXPECT_EQ(delegate.threads.size(), 2u + 5u);  // two events and ceil(10000 / 2048) data callbacks
+    for (auto id : delegate.threads) EXPECT_EQ(id, std::this_thread::get_id());
+    EXPECT_EQ(readFile(dir / "dst"), source);
+    auto resume = download->resumeData();
+    ASSERT_TRUE(resume);
+    EXPECT_EQ(soFar(*resume), 10'000);
+}
+
+TEST(CWDownloadTests, FreshCopyOntoAnExistingDestinationFailsWithCode1) {
+    TempDir dir;
+    writeFile(dir / "src", "new contents");
+    writeFile(dir / "dst", "old contents");
+    RecordingDelegate delegate;
+    auto download = CWDownload::downloadWithURL(URL::fileURL(dir / "src"), &delegate);
+    download->setDeletesFileUponFailure(true);
+    download->setDestination(dir / "dst", false);
+    delegate.wait();
+    ASSERT_TRUE(delegate.error);
+    EXPECT_EQ(delegate.error->domain, "com.quarn.Crateworks.CWFileDownload");
+    EXPECT_EQ(delegate.error->code, 1);
+    EXPECT_EQ(readFile(dir / "dst"), "old contents");
+
+    RecordingDelegate missing;
+    auto noSource = CWDownload::downloadWithURL(URL::fileURL(dir / "absent"), &missing);
+    noSource->setDestination(dir / "out", true);
+    missing.wait();
+    ASSERT_TRUE(missing.error);
+    EXPECT_EQ(missing.error->code, 2);
+}
+
+TEST(CWDownloadTests, ReadThatWouldBlockFailsWithCode4) {
+    TempDir dir;
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+    // A writer that never writes: a non-blocking read gets EAGAIN rather than end of file.
+    int writer = open((dir / "fifo").c_str(), O_RDWR);
+    RecordingDelegate delegate;
+    auto download = CWDownload::downloadWithURL(URL::fileURL(dir / "fifo"), &delegate);
+    download->setDestination(dir / "dst", true);
+    delegate.wait();
+    close(writer);
+    ASSERT_TRUE(delegate.error);
+    EXPECT_EQ(delegate.error->code, 4);
+}
+
+TEST(CWDownloadTests, FileResumeDataIsCheckedAgainstTheDestination) {
+    TempDir dir;
+    writeFile(dir / "src", "0123456789");
+    writeFile(dir / "dst", "01234");
+    platform::Dictionary d{{"Resume Data Type", "CWFileDownload"}, {"Source Path", dir / "src"},
+                           {"Downloaded So Far", int64_t(4)}};
+    auto wrongSize = platform::plist::toBinary(platform::Value(d));
+    RecordingDelegate delegate;
+    EXPECT_EQ(CWDownload::downloadWithResumeData(wrongSize, dir / "dst", &delegate), nullptr);
+    EXPECT_EQ(CWFileDownload::initWithResumeData(wrongSize, "", &delegate), nullptr);
+
+    d.set("Downloaded So Far", int64_t(5));
+    auto right = platform::plist::toBinary(platform::Value(d));
+    EXPECT_FALSE(CWURLDownload::canDownloadWithResumeData(right));
+    auto download = CWDownload::downloadWithResumeData(right, dir / "dst", &delegate);
+    ASSERT_NE(std::dynamic_pointer_cast<CWFileDownload>(download), nullptr);
+    delegate.wait();
+    EXPECT_EQ(delegate.events, (std::vector<std::string>{"begin", "resume 5", "finish"}));
+    // The copy appends from the source's first byte: a kept quirk of this class.
+    EXPECT_EQ(readFile(dir / "dst"), "012340123456789");
+    EXPECT_EQ(soFar(*download->resumeData()), 15);
+}
+
+TEST(CWDownloadTests, EachClassRefusesTheOthersResumeData) {
+    platform::Dictionary url{{"Resume Data Type", "CWURLDownload"}, {"HostURL Resume Data", platform::Data{1, 2}}};
+    auto urlResume = platform::plist::toBinary(platform::Value(url));
+    EXPECT_TRUE(CWURLDownload::canDownloadWithResumeData(urlResume));
+    EXPECT_FALSE(CWFileDownload::canDownloadWithResumeData(urlResume));
+    EXPECT_FALSE(CWSecureURLDownload::canDownloadWithResumeData(urlResume));
+    EXPECT_EQ(CWFileDownload::initWithResumeData(urlResume, "/tmp/x", nullptr), nullptr);
+    // The blob inside is not the service's resume data, so even the right class says no.
+    EXPECT_EQ(CWURLDownload::initWithResumeData(urlResume, "/tmp/x", nullptr), nullptr);
+    EXPECT_FALSE(CWDownload::canDownloadWithResumeData(urlResume));
+    EXPECT_EQ(CWDownload::downloadWithResumeData(platform::Data{'x'}, "/tmp/x", nullptr), nullptr);
+}
+
+TEST(CWDownloadTests, CancelWaitsForTheCopyThreadAndKeepsTheCount) {
+    TempDir dir;
+    RecordingDelegate delegate;
+    auto download = CWDownload::downloadWithURL(URL::fileURL("/dev/zero"), &delegate);
+    download->setDestination(dir / "dst", true);
+    platform::RunLoop::current()->runFor(0.05);
+    download->cancel();
+    EXPECT_FALSE(delegate.done);
+    struct stat st {};
+    ASSERT_EQ(stat((dir / "dst").c_str(), &st), 0);
+    EXPECT_GT(st.st_size, 0);
+    EXPECT_EQ(soFar(*download->resumeData()), st.st_size);
+    // Every data callback sent before the cancel has arrived.
+    EXPECT_EQ(int64_t(delegate.bytes), st.st_size);
+}
+
+TEST(CWDownloadTests, UnknownRemotedCallbacksAreLogged) {
+    std::vector<std::pair<int, std::string>> logged;
+    auto previous = platform::setSystemLogSink([&](int p, std::string_view m) { logged.emplace_back(p, m); });
+    RecordingDelegate delegate;
+    auto download = CWFileDownload::initWithURL(URL::fileURL("/dev/null"), &delegate);
+    download->_currentThreadCallback({std::string("download:didCheckDataOfLength:"), download, int64_t(5)});
+    download->_currentThreadCallback({std::string("downloadDidFinish:"), download, int64_t(5)});
+    download->_currentThreadCallback({std::string("download:notACallback:"), download});
+    platform::setSystemLogSink(previous);
+    ASSERT_EQ(logged.size(), 2u);
+    EXPECT_EQ(logged[0].first, (14 << 3) | 4);
+    EXPECT_EQ(logged[0].second, "Unknown remoted callback gotten in CWFileDownload: download:didCheckDataOfLength:");
+    EXPECT_EQ(logged[1].second, "Unknown remoted callback gotten in CWFileDownload: downloadDidFinish:");
+    EXPECT_TRUE(delegate.events.empty());
+}
