@@ -1,0 +1,161 @@
+// crateworks download: side files, resume, HTTP errors, SIGINT, https and usage.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Platform/FileSystem.h"
+#include "Platform/URL.h"
+#include "TestServers.h"
+#include "support/TempDir.h"
+
+using downloadtests::FaultServer;
+using downloadtests::NginxServer;
+using platform::fs::exists;
+using testsupport::readFile;
+using testsupport::TempDir;
+using testsupport::writeFile;
+
+namespace {
+
+const std::string kTool = std::string(FERRYHOLD_BINARY_DIR) + "/crateworks";
+
+class DownloadCommandTests : public ::testing::Test {
+protected:
+    TempDir dir;
+    NginxServer nginx{dir.path()};
+    FaultServer faults;
+
+    void SetUp() override { setenv("HOME", dir.path().c_str(), 1); }
+
+    // Runs the command; standard error goes to `err`.
+    int run(const std::vector<std::string>& args, std::string* err = nullptr) {
+        std::string command = "'" + kTool + "' download";
+        for (const auto& a : args) command += " '" + a + "'";
+        int status = 0;
+        testsupport::runCommand(command + " 2>'" + (dir / "stderr") + "'", &status);
+        if (err) *err = readFile(dir / "stderr");
+        return status;
+    }
+    bool sideFiles(const std::string& dest) { return exists(dest + ".partial") || exists(dest + ".partialState"); }
+};
+
+size_t lines(const std::string& s) { return size_t(std::count(s.begin(), s.end(), '\n')); }
+
+}  // namespace
+
+TEST_F(DownloadCommandTests, CompleteTransferLeavesOnlyTheDestination) {
+    writeFile(dir / "out.bin", "older contents");
+    std::string err;
+    EXPECT_EQ(run({nginx.url("/redirect"), dir / "out.bin"}, &err), 0);
+    EXPECT_EQ(readFile(dir / "out.bin"), "small file body\n");
+    EXPECT_FALSE(sideFiles(dir / "out.bin"));
+    EXPECT_EQ(err, "");  // standard error is not a terminal: no progress line
+
+    writeFile(nginx.root() + "/files/empty", "");
+    EXPECT_EQ(run({nginx.url("/files/empty"), dir / "empty"}), 0);
+    EXPECT_TRUE(exists(dir / "empty"));
+    EXPECT_EQ(readFile(dir / "empty"), "");
+}
+
+TEST_F(DownloadCommandTests, HTTPErrorsFailWithOneLineAndNoFiles) {
+    for (auto [path, status] : {std::pair{"/missing", "404"}, {"/forbidden", "403"}, {"/auth/secret.txt", "401"}}) {
+        std::string err;
+        EXPECT_EQ(run({nginx.url(path), dir / "out"}, &err), 1) << path;
+        EXPECT_EQ(lines(err), 1u) << err;
+        EXPECT_NE(err.find("\"" + nginx.url(path) + "\""), std::string::npos) << err;
+        EXPECT_NE(err.find(status), std::string::npos) << err;
+        EXPECT_FALSE(exists(dir / "out"));
+        EXPECT_FALSE(sideFiles(dir / "out"));
+    }
+    writeFile(dir / ".netrc", "machine 127.0.0.1 login crate password works\n");
+    EXPECT_EQ(run({nginx.url("/auth/secret.txt"), dir / "secret"}), 0);
+    EXPECT_EQ(readFile(dir / "secret"), "secret body\n");
+}
+
+TEST_F(DownloadCommandTests, ShortBodyIsKeptAsPartialAndARerunCompletes) {
+    std::string dest = dir / "out";
+    std::string err;
+    EXPECT_EQ(run({faults.url("/short"), dest}, &err), 1);
+    EXPECT_EQ(lines(err), 1u);
+    EXPECT_FALSE(exists(dest));
+    EXPECT_EQ(readFile(dest + ".partial").size(), FaultServer::kBodySize / 2);
+    EXPECT_TRUE(exists(dest + ".partialState"));
+
+    EXPECT_EQ(run({faults.url("/short"), dest}), 0);
+    EXPECT_EQ(readFile(dest), FaultServer::body(1));
+    EXPECT_FALSE(sideFiles(dest));
+    auto heads = faults.requests();
+    ASSERT_EQ(heads.size(), 2u);
+    EXPECT_NE(heads[1].find("Range: bytes=150000-"), std::string::npos);
+}
+
+TEST_F(DownloadCommandTests, StalePartialIsWrittenAgainFromZero) {
+    std::string dest = dir / "out";
+    writeFile(dest + ".partial", std::string(5000, 'x'));
+    EXPECT_EQ(run({faults.url("/changing"), dest}), 0);
+    EXPECT_EQ(readFile(dest), FaultServer::body(1));
+    EXPECT_EQ(faults.requests()[0].find("Range:"), std::string::npos);
+}
+
+TEST_F(DownloadCommandTests, SigintKeepsBothSideFilesAndARerunCompletes) {
+    std::string dest = dir / "out";
+    pid_t pid = fork();
+    if (pid == 0) {
+        int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDERR_FILENO);
+        execl(kTool.c_str(), "crateworks", "download", faults.url("/stall").c_str(), dest.c_str(), (char*)nullptr);
+        _exit(127);
+    }
+    struct stat st {};
+    for (int i = 0; i < 400 && !(stat((dest + ".partial").c_str(), &st) == 0 && st.st_size == 1000); ++i)
+        usleep(10'000);
+    ASSERT_EQ(st.st_size, 1000);
+    kill(pid, SIGINT);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 130);
+    EXPECT_TRUE(exists(dest + ".partial"));
+    EXPECT_TRUE(exists(dest + ".partialState"));
+    EXPECT_FALSE(exists(dest));
+
+    EXPECT_EQ(run({faults.url("/stall"), dest}), 0);
+    EXPECT_EQ(readFile(dest), FaultServer::body(1));
+    EXPECT_FALSE(sideFiles(dest));
+}
+
+TEST_F(DownloadCommandTests, HTTPSWithTheTestAuthorityOnly) {
+    EXPECT_EQ(run({nginx.httpsURL("/files/small.bin"), dir / "ok", "--cacert", nginx.caFile()}), 0);
+    EXPECT_EQ(readFile(dir / "ok"), "small file body\n");
+    std::string err;
+    EXPECT_EQ(run({nginx.httpsURL("/files/small.bin"), dir / "bad", "--cacert", nginx.otherCAFile()}, &err), 1);
+    EXPECT_EQ(lines(err), 1u);
+    EXPECT_FALSE(exists(dir / "bad"));
+}
+
+TEST_F(DownloadCommandTests, FileURLsAndWrongCalls) {
+    writeFile(dir / "a source", "file body");
+    std::string url = platform::URL::fileURL(dir / "a source").absoluteString();
+    ASSERT_NE(url.find("%20"), std::string::npos);
+    writeFile(dir / "copy.partial", "stale");
+    writeFile(dir / "copy.partialState", "not resume data");
+    EXPECT_EQ(run({url, dir / "copy"}), 0);
+    EXPECT_EQ(readFile(dir / "copy"), "file body");
+    EXPECT_FALSE(sideFiles(dir / "copy"));
+
+    std::string err;
+    EXPECT_EQ(run({url}, &err), 2);
+    EXPECT_NE(err.find("usage"), std::string::npos);
+    EXPECT_EQ(run({url, dir / "x", "--cacert"}), 2);
+    EXPECT_EQ(run({url, dir / "x", "--bogus"}), 2);
+    EXPECT_FALSE(exists(dir / "x"));
+    EXPECT_EQ(run({"file://" + dir.path() + "/absent", dir / "y"}, &err), 1);
+    EXPECT_EQ(lines(err), 1u);
+    EXPECT_FALSE(exists(dir / "y"));
+    EXPECT_FALSE(sideFiles(dir / "y"));
+}
