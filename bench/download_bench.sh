@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# A 1 GiB file over loopback from nginx: `crateworks download` against `curl -s -o`,
+# five runs each, alternating. Prints both medians and the ratio (ours / curl; lower is
+# better).
+#   bench/download_bench.sh [BUILD_DIR]   (default: build)
+# Both write into DOWNLOAD_BENCH_DIR (default /dev/shm) so that the disk does not
+# decide the figure; the served file lives there too.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+crateworks=$(realpath "$build/bin/crateworks")
+base=${DOWNLOAD_BENCH_DIR:-/dev/shm}
+[ -d "$base" ] || base=/tmp
+work=$(mktemp -d "$base/download-bench-XXXXXX")
+nginx_pid=
+cleanup() {
+  [ -n "$nginx_pid" ] && kill "$nginx_pid" 2>/dev/null && wait "$nginx_pid" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+mkdir -p "$work/html"
+head -c $((1 << 30)) /dev/urandom > "$work/html/big.bin"
+port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+cat > "$work/nginx.conf" <<CONF
+daemon off;
+master_process off;
+pid $work/nginx.pid;
+error_log $work/error.log warn;
+events { worker_connections 64; }
+http {
+    access_log off;
+    client_body_temp_path $work/tmp;
+    proxy_temp_path $work/tmp;
+    fastcgi_temp_path $work/tmp;
+    uwsgi_temp_path $work/tmp;
+    scgi_temp_path $work/tmp;
+    sendfile on;
+    server { listen 127.0.0.1:$port; root $work/html; }
+}
+CONF
+/usr/sbin/nginx -p "$work" -c "$work/nginx.conf" &
+nginx_pid=$!
+for _ in $(seq 100); do curl -s -o /dev/null "http://127.0.0.1:$port/" && break; sleep 0.05; done
+
+url="http://127.0.0.1:$port/big.bin"
+seconds() { local s e; s=$(date +%s.%N); "$@"; e=$(date +%s.%N); python3 -c "print($e - $s)"; }
+ours=() theirs=()
+for _ in 1 2 3 4 5; do
+  rm -f "$work/a" "$work/b"
+  ours+=("$(seconds "$crateworks" download "$url" "$work/a")")
+  rm -f "$work/a"
+  theirs+=("$(seconds curl -s -o "$work/b" "$url")")
+  rm -f "$work/b"
+done
+median() { printf '%s\n' "$@" | sort -g | sed -n 3p; }
+m_ours=$(median "${ours[@]}")
+m_curl=$(median "${theirs[@]}")
+printf 'crateworks download: median %.3f s\ncurl -s -o:          median %.3f s\nratio: %.3f\n' \
+  "$m_ours" "$m_curl" "$(python3 -c "print($m_ours / $m_curl)")"
