@@ -187,12 +187,12 @@ std::shared_ptr<CWReceipt> CWReceipt::initWithBOMPath(const std::string& path) {
 }
 
 std::shared_ptr<CWReceipt> CWReceipt::initWithBundlePkgPath(const std::string& path) {
-    auto bundle = platform::Bundle::open(path);
-    if (!bundle) return nullptr;
     std::string identifier, bomPath;
     std::optional<std::string> version;
     {
         std::lock_guard lock(bundleLock());
+        auto bundle = platform::Bundle::open(path);
+        if (!bundle) return nullptr;
         identifier = bundle->identifier().value_or(path::deletingExtension(path::lastComponent(path)));
         version = bundle->shortVersionString();
         bomPath = path::appendComponent(path::deletingLastComponent(bundle->resourcePath()), "Archive.bom");

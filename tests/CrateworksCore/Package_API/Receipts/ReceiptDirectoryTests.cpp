@@ -137,8 +137,9 @@ TEST(ReceiptDirectories, BundleReceiptsInEveryLayout) {
     EXPECT_EQ("1.2", contents->packageVersion());
     EXPECT_EQ(dir / "Library/Receipts/Contents.pkg/Contents/Archive.bom", contents->bomPath());
     EXPECT_EQ((std::vector<std::string>{dir / "Library/Receipts/Contents.pkg"}), contents->receiptStoragePaths());
-    auto created = platform::fs::attributes(dir / "Library/Receipts/Contents.pkg")->find(platform::fs::kFileCreationDate);
-    EXPECT_EQ(created->date(), contents->installDate());
+    auto attributes = platform::fs::attributes(dir / "Library/Receipts/Contents.pkg");
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->find(platform::fs::kFileCreationDate)->date(), contents->installDate());
 
     EXPECT_EQ(std::nullopt, byName["Resources.pkg"]->packageVersion());
     EXPECT_EQ(dir / "Library/Receipts/Resources.pkg/Archive.bom", byName["Resources.pkg"]->bomPath());
