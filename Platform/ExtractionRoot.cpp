@@ -186,6 +186,50 @@ void ExtractionRoot::discard(PendingFile& file) {
     file.fd = -1;
 }
 
+namespace {
+bool writeAll(int fd, const uint8_t* bytes, size_t size) {
+    while (size > 0) {
+        ssize_t n = write(fd, bytes, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        bytes += n;
+        size -= size_t(n);
+    }
+    return true;
+}
+}  // namespace
+
+bool ExtractionRoot::writeFile(const std::string& relativePath, std::span<const uint8_t> bytes, mode_t mode,
+                               std::optional<Date> modificationDate, Error* error) {
+    auto [parent, name] = splitParent(relativePath);
+    int dirFd = isPlainName(name) ? _directoryFd(parent) : (errno = EINVAL, -1);
+    if (dirFd < 0) return (error ? (*error = _error(errno, relativePath), false) : false);
+    mode_t created = ((mode & 0777) | 0200) & ~umask_;
+    int fd = openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
+    if (fd < 0) {
+        if (errno != EEXIST) return (error ? (*error = _error(errno, relativePath), false) : false);
+        // Something is there already: it is replaced by a rename, never opened.
+        auto pending = createFile(relativePath, mode, error);
+        if (!pending) return false;
+        if (!writeAll(pending->fd, bytes.data(), bytes.size())) {
+            int saved = errno;
+            discard(*pending);
+            return (error ? (*error = _error(saved, relativePath), false) : false);
+        }
+        return commit(*pending, mode, modificationDate, error);
+    }
+    bool ok = writeAll(fd, bytes.data(), bytes.size()) && ((mode & 07777) == created || fchmod(fd, mode & 07777) == 0);
+    if (ok && modificationDate) {
+        struct timespec times[2] = {{0, UTIME_OMIT}, timespecFor(*modificationDate)};
+        ok = futimens(fd, times) == 0;
+    }
+    int saved = errno;
+    close(fd);
+    if (ok) return true;
+    unlinkat(dirFd, name.c_str(), 0);
+    return (error ? (*error = _error(saved, relativePath), false) : false);
+}
+
 bool ExtractionRoot::makeSymbolicLink(const std::string& relativePath, const std::string& target,
                                       std::optional<Date> modificationDate, Error* error) {
     auto [parent, name] = splitParent(relativePath);

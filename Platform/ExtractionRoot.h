@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <sys/types.h>
 
@@ -45,6 +46,11 @@ public:
     // over whatever is at the final name (a symbolic link there is replaced, not followed).
     bool commit(PendingFile& file, mode_t mode, std::optional<Date> modificationDate, Error* error = nullptr);
     void discard(PendingFile& file);
+    // Writes bytes that have already been checked as a whole: straight under the final
+    // name when nothing is there (O_CREAT | O_EXCL | O_NOFOLLOW, removed again if the
+    // write fails), through a temporary file and a rename otherwise.
+    bool writeFile(const std::string& relativePath, std::span<const uint8_t> bytes, mode_t mode,
+                   std::optional<Date> modificationDate, Error* error = nullptr);
     bool makeSymbolicLink(const std::string& relativePath, const std::string& target,
                           std::optional<Date> modificationDate, Error* error = nullptr);
     // Permission bits and modification time of an existing directory (not followed if a link).
