@@ -13,7 +13,8 @@
 // or with the same description in a small text format (VolumeBuilder::load / loadFile):
 //
 //     # Comments start with '#'. One item per line: a keyword, its arguments, then key=value
-//     # options. Values with blanks are written in double quotes: text="two words".
+//     # options. Values with blanks are written in double quotes, with \n \t \" \\ escapes
+//     # inside: text="two words\n".
 //     system 10.6.8                       System/Library/CoreServices/SystemVersion.plist
 //     dir /Library/Caches mode=0755 owner=0 group=0
 //     file /etc/motd size=120             sparse file of 120 bytes
@@ -25,12 +26,13 @@
 //         dir /usr/bin                    indented lines belong to the package above them:
 //         file /usr/bin/ls size=34000 mode=0755      dir, file and link are made on disk and listed in its BOM;
 //         entry /usr/lib/gone type=file mode=0644    entry is listed in the BOM only (type file, dir or link);
-//         generate 5000 /usr/share/man fanout=100    generate lists COUNT files (and their folders) in the BOM only.
+//         generate 5000 /usr/share/man fanout=100    generate lists COUNT files in the BOM only, FANOUT per
+//                                                    folder: /usr/share/man/d00000/f00000 ... d00049/f00099.
 //     bundle OldStyle.pkg identifier=com.quarn.old version=1.0 layout=contents
 //         file /Applications/Old.app/Contents/Info.plist size=10
 //
-// Package options: version=V or version=none (a receipt without a version gets no
-// property list), groups=A,B, date=ISO 8601 install date, name=FILE.pkg ("PackageFileName"),
+// Package options: version=V (default 1.0) or version=none (a receipt without a version
+// gets no property list), groups=A,B, date=ISO 8601 install date (default: when built), name=FILE.pkg ("PackageFileName"),
 // in=secure|library|boms (private/var/db/receipts, the default; Library/Receipts;
 // Library/Receipts/boms), plist=xml|binary|missing|damaged, bom=damaged, checksums (record
 // the SHA-1 of every real file), acls (record the ACL of every installed item).
