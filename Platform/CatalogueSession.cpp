@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 #include <liburing.h>
 #include <mutex>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -32,6 +33,13 @@ int initRing(struct io_uring* ring) {
     return rc;
 }
 
+int availableProcessors() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
+    return CPU_COUNT(&set);
+}
+
 struct Choice {
     CatalogueSession::Method method;
     std::string description;
@@ -50,8 +58,18 @@ Choice probeProcessChoice() {
     if (probe) io_uring_free_probe(probe);
     io_uring_queue_exit(&ring);
     if (!statxSupported) return {Method::plainStatx, "FileSizer: plain statx (io_uring has no statx operation)"};
-    return {Method::ioUring, fmt::format("FileSizer: statx through io_uring, batches of {} submitted together",
-                                         CatalogueIterator::kBatchSize)};
+    // The kernel runs io_uring's statx on a worker thread, at a higher cost per file than
+    // a plain call: it pays off only when that worker has a processor of its own.
+    int processors = availableProcessors();
+    double load = 0;
+    getloadavg(&load, 1);
+    if (processors - load < 1.0)
+        return {Method::plainStatx,
+                fmt::format("FileSizer: plain statx (no processor to spare for io_uring: {} processors, load {:.2f})",
+                            processors, load)};
+    return {Method::ioUring,
+            fmt::format("FileSizer: statx through io_uring, batches of {} submitted together ({} processors, load {:.2f})",
+                        CatalogueIterator::kBatchSize, processors, load)};
 }
 
 const Choice& processChoice() {

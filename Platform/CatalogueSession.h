@@ -26,8 +26,9 @@ public:
     enum class Method { ioUring, plainStatx };
 
     // Chosen once per process: io_uring, unless the environment variable
-    // FERRYHOLD_NO_IO_URING is set or the kernel (or a sandbox) refuses a ring that
-    // can run statx.
+    // FERRYHOLD_NO_IO_URING is set, the kernel (or a sandbox) refuses a ring that can
+    // run statx, or no processor is left over for the kernel's worker (processors
+    // available minus the load average below 1), where plain statx is faster.
     static Method processMethod();
     // One line saying which method the process uses and why.
     static std::string processMethodDescription();

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 
 #include "FHPathAnalysis/Support/FileSizer.h"
@@ -66,10 +67,26 @@ uint64_t findAllocated(const std::string& root) {
     return blocks * 512;
 }
 
-double seconds(const std::function<void()>& work) {
+double cpuSeconds(int who) {
+    struct rusage usage {};
+    getrusage(who, &usage);
+    auto toSeconds = [](const timeval& t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+    return toSeconds(usage.ru_utime) + toSeconds(usage.ru_stime);
+}
+
+struct Timing {
+    std::vector<double> wall;
+    std::vector<double> cpu;
+};
+
+// Wall time, and processor time of the process (`who` = RUSAGE_SELF, kernel workers
+// included) or of its waited-for children (RUSAGE_CHILDREN).
+void measure(Timing& timing, int who, const std::function<void()>& work) {
+    double cpuStart = cpuSeconds(who);
     auto start = std::chrono::steady_clock::now();
     work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    timing.wall.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    timing.cpu.push_back(cpuSeconds(who) - cpuStart);
 }
 
 double median(std::vector<double> values) {
@@ -106,26 +123,32 @@ int main(int argc, char** argv) {
     std::string duLine = output("du -s '" + root + "'");
     FileSizer::sizeForPath(root);
 
-    std::vector<double> du, sizer, plain;
-    uint64_t sizerTotal = 0, plainTotal = 0;
+    Timing du, sizer, ring, plain;
+    uint64_t sizerTotal = 0, ringTotal = 0, plainTotal = 0;
     for (int run = 0; run < kRuns; ++run) {
-        du.push_back(seconds([&] { duLine = output("du -s '" + root + "'"); }));
+        measure(du, RUSAGE_CHILDREN, [&] { duLine = output("du -s '" + root + "'"); });
         CatalogueSession::setMethodForTesting(std::nullopt);
-        sizer.push_back(seconds([&] { sizerTotal = FileSizer::sizeForPath(root); }));
+        measure(sizer, RUSAGE_SELF, [&] { sizerTotal = FileSizer::sizeForPath(root); });
+        CatalogueSession::setMethodForTesting(CatalogueSession::Method::ioUring);
+        measure(ring, RUSAGE_SELF, [&] { ringTotal = FileSizer::sizeForPath(root); });
         CatalogueSession::setMethodForTesting(CatalogueSession::Method::plainStatx);
-        plain.push_back(seconds([&] { plainTotal = FileSizer::sizeForPath(root); }));
+        measure(plain, RUSAGE_SELF, [&] { plainTotal = FileSizer::sizeForPath(root); });
     }
 
-    double duMedian = median(du);
-    fmt::print("du -s                 median {:.3f} s  [{}]  ({})\n", duMedian, list(du),
-               duLine.substr(0, duLine.find('\t')) + " KiB, directories included");
-    fmt::print("FileSizer (process)   median {:.3f} s  [{}]  ratio {:.2f}\n", median(sizer), list(sizer),
-               median(sizer) / duMedian);
-    fmt::print("FileSizer plain statx median {:.3f} s  [{}]  ratio {:.2f}\n", median(plain), list(plain),
-               median(plain) / duMedian);
-    bool agree = sizerTotal == expected && plainTotal == expected;
-    fmt::print("bytes: find {}  FileSizer {}  plain statx {}  {}\n", expected, sizerTotal, plainTotal,
-               agree ? "equal" : "DIFFERENT");
+    double duWall = median(du.wall), duCpu = median(du.cpu);
+    auto report = [&](const char* name, const Timing& t) {
+        fmt::print("{:<22} wall median {:.3f} s [{}] ratio {:.2f}; cpu median {:.3f} s ratio {:.2f}\n", name,
+                   median(t.wall), list(t.wall), median(t.wall) / duWall, median(t.cpu), median(t.cpu) / duCpu);
+    };
+    fmt::print("{:<22} wall median {:.3f} s [{}]; cpu median {:.3f} s  ({} KiB, directories included)\n", "du -s",
+               duWall, list(du.wall), duCpu, duLine.substr(0, duLine.find('\t')));
+    report("FileSizer (process)", sizer);
+    report("FileSizer io_uring", ring);
+    report("FileSizer plain statx", plain);
+    fmt::print("load average {}", output("cat /proc/loadavg"));
+    bool agree = sizerTotal == expected && ringTotal == expected && plainTotal == expected;
+    fmt::print("bytes: find {}  FileSizer {}  io_uring {}  plain statx {}  {}\n", expected, sizerTotal, ringTotal,
+               plainTotal, agree ? "equal" : "DIFFERENT");
 
     if (made) std::filesystem::remove_all(root);
     return agree ? 0 : 1;

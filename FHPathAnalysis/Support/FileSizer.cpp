@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <unistd.h>
+#include <vector>
 
 #include "Platform/CatalogueIterator.h"
 #include "Platform/CatalogueSession.h"
