@@ -1,0 +1,243 @@
+// The ferryhold command end to end: the built binary run on fixture volumes, its XML
+// read back by Python's plistlib and its JSON by Python's json.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sys/stat.h>
+
+#include "FHPathAnalysis/FindSystemFiles/FHSystemPathCache.h"
+#include "Platform/PropertyList.h"
+#include "support/FrameworkFixture.h"
+#include "support/VolumeBuilder.h"
+
+using namespace testsupport;
+using platform::Array;
+using platform::Dictionary;
+using platform::Value;
+
+namespace {
+
+struct Outcome {
+    int status = -1;
+    std::string out, err;
+};
+
+std::string quoted(const std::string& word) {
+    std::string q = "'";
+    for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+// Prints the document read from standard input one item a line, as Python's repr: the
+// items of an array, or "key=value" for a dictionary (nested ones flattened with "/").
+constexpr const char* kPlistReader = R"(
+import plistlib, sys, json
+doc = plistlib.load(sys.stdin.buffer) if sys.argv[1] == 'xml' else json.load(sys.stdin)
+def show(prefix, v):
+    if isinstance(v, dict):
+        for k, x in v.items(): show(prefix + [k], x)
+    else:
+        print('/'.join(repr(p) for p in prefix) + '=' + repr(v))
+if isinstance(doc, list):
+    for x in doc: print(repr(x))
+else:
+    show([], doc)
+)";
+
+class FerryholdTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        bundle.setVersion("MigrationData", "10.7.0");
+        bundle.setSystemReceiptPatterns({});
+        bundle.setExclusionList({}, {}, {"/usr", "/Applications"}, {});
+        writeFile(dir / "reader.py", kPlistReader);
+    }
+
+    // A volume whose system paths are exactly `system`, answered from a valid cache.
+    std::string makeVolume(const std::vector<std::string>& system, const std::function<void(VolumeBuilder&)>& more) {
+        VolumeBuilder volume(dir / "v");
+        for (const char* id : {"com.quarn.pkg.BaseSystem", "com.quarn.pkg.Essentials", "com.quarn.pkg.BSD"})
+            volume.package(id).groups({"com.quarn.FindSystemFiles.pkg-group"}).installDate(platform::Date{1000});
+        volume.directory("/Library/Caches");
+        more(volume);
+        volume.build();
+        Dictionary cache{{"systemPaths", stringArray(system)}, {"MigrationDatabaseVersion", "10.7.0"}};
+        EXPECT_TRUE(platform::plist::writeXMLFile(Value(cache), volume.root() + FHSystemPathCache::kCachePath));
+        return volume.root();
+    }
+
+    std::string standardVolume() {
+        return makeVolume({"/Applications/Calc.app", "/bin", "/usr/lib"}, [](VolumeBuilder& v) {
+            v.file("/bin/ls", 10).file("/usr/lib/libc", 10).file("/usr/local/bin/tool", 10);
+            v.file("/Applications/Calc.app/Contents/Info.plist", 10);
+            v.file("/Applications/Games/Chess.app/Contents/Info.plist", 0,
+                   {.text = "<plist><dict><key>CFBundleVersion</key><string>1</string></dict></plist>"});
+            v.file("/Applications/Games/readme", 10);
+            v.file("/opt/a/x", 10).file("/opt/b/y", 10);
+            v.file("/Library/Fonts/f.ttf", 10).file("/Library/Caches/com.quarn.user501pictureCache", 10);
+        });
+    }
+
+    Outcome ferryhold(const std::vector<std::string>& args) {
+        std::string command = "env FERRYHOLD_FRAMEWORK_PATH=" + quoted(bundle.path()) + " " +
+                              quoted(std::string(FERRYHOLD_BINARY_DIR) + "/ferryhold");
+        for (const auto& a : args) command += " " + quoted(a);
+        Outcome run;
+        run.out = runCommand(command + " 2>" + quoted(dir / "stderr"), &run.status);
+        run.err = readFile(dir / "stderr");
+        return run;
+    }
+
+    // The items of the document printed by a successful run, as Python reads them back.
+    std::vector<std::string> items(const std::vector<std::string>& args, bool json = false) {
+        std::vector<std::string> all = args;
+        if (json) all.push_back("--json");
+        Outcome run = ferryhold(all);
+        EXPECT_EQ(0, run.status) << run.err;
+        writeFile(dir / "document", run.out);
+        int status = -1;
+        std::string lines = runCommand("python3 " + quoted(dir / "reader.py") + (json ? " json" : " xml") + " < " +
+                                           quoted(dir / "document"),
+                                       &status);
+        EXPECT_EQ(0, status) << run.out;
+        std::vector<std::string> out;
+        for (size_t at = 0, end; (end = lines.find('\n', at)) != std::string::npos; at = end + 1)
+            out.push_back(lines.substr(at, end - at));
+        return out;
+    }
+
+    FrameworkFixture bundle;
+    TempDir dir;
+};
+
+using Lines = std::vector<std::string>;
+
+}  // namespace
+
+TEST_F(FerryholdTest, UserPathsWithTheirOptions) {
+    std::string root = standardVolume();
+    EXPECT_EQ((Lines{"'/Applications/Games'", "'/Library'", "'/opt'", "'/private'", "'/usr/local'"}),
+              items({"user-paths", root}));
+    EXPECT_EQ((Lines{"'/Library/Caches/com.quarn.user501pictureCache'", "'/Library/Fonts'"}),
+              items({"user-paths", root, "--parent", "/Library"}));
+    EXPECT_EQ((Lines{"'/Applications/Games'", "'/Library'", "'/opt/a/x'", "'/opt/b'", "'/private'", "'/usr/local'"}),
+              items({"user-paths", root, "--include", "/opt/a/x"}));
+    EXPECT_EQ((Lines{"'/opt/b'"}), items({"user-paths", root, "--parent", "/opt", "--omit", "/opt/a"}));
+    // A kept folder holding bundles gives way to what lies inside it, the bundles included.
+    Lines expanded = items({"user-paths", root, "--expand-bundles", "--parent", "/Applications"});
+    EXPECT_EQ((Lines{"'/Applications/Games'"}), items({"user-paths", root, "--parent", "/Applications"}));
+    EXPECT_EQ((Lines{"'/Applications/Games/Chess.app'", "'/Applications/Games/readme'"}), expanded);
+    // The same array as JSON.
+    EXPECT_EQ(items({"user-paths", root}), items({"user-paths", root}, true));
+}
+
+TEST_F(FerryholdTest, ChildrenWithAndWithoutSystemExclusion) {
+    std::string root = standardVolume();
+    EXPECT_EQ((Lines{"'/usr/local'"}), items({"children", root, "/usr"}));
+    Lines plain = items({"children", root, "/usr", "--keep-system"});
+    std::sort(plain.begin(), plain.end());
+    EXPECT_EQ((Lines{"'/usr/lib'", "'/usr/local'"}), plain);
+    EXPECT_EQ((Lines{"'/opt/b'"}), items({"children", root, "/opt", "--omit", "/opt/a"}, true));
+}
+
+TEST_F(FerryholdTest, IncompatibleUsesTheRunningFrameworksList) {
+    std::string root = standardVolume();
+    std::filesystem::create_directories(root + "/Users/alice");
+    bundle.writePlist("Blocked.plist",
+                      Value(Dictionary{{"IncompatiblePaths",
+                                        Array{Dictionary{{"Path", "~/Applications/Old.app"}},
+                                              Dictionary{{"Path", "/Applications/Games/Chess.app"},
+                                                         {"MinimumBundleVersion", "1"}},
+                                              Dictionary{{"Path", "/Applications/Calc.app"},
+                                                         {"MaximumBundleVersion", "0.5"}}}}}));
+    // The analysed volume's own framework is never read.
+    std::string volumeCopy = root + "/System/Library/PrivateFrameworks/Ferryhold.framework/Resources/Blocked.plist";
+    std::filesystem::create_directories(std::filesystem::path(volumeCopy).parent_path());
+    ASSERT_TRUE(platform::plist::writeXMLFile(
+        Value(Dictionary{{"IncompatiblePaths", Array{Dictionary{{"Path", "/Applications/Fine.app"}}}}}), volumeCopy));
+    EXPECT_EQ((Lines{"'/Users/alice/Applications/Old.app'=True", "'/Applications/Games/Chess.app'=True",
+                     "'/Applications/Calc.app'=False", "'/Applications/Fine.app'=False"}),
+              items({"incompatible", root, "Blocked", "/Users/alice/Applications/Old.app",
+                     "/Applications/Games/Chess.app", "/Applications/Calc.app", "/Applications/Fine.app"}));
+
+    Outcome missing = ferryhold({"incompatible", root, "NoSuchList", "/x"});
+    EXPECT_EQ(1, missing.status);
+    EXPECT_EQ("", missing.out);
+    EXPECT_EQ("ferryhold: NoSuchList.plist: the list cannot be read from the framework's resources\n", missing.err);
+}
+
+TEST_F(FerryholdTest, SizesAndTheirTotal) {
+    TempDir volume;
+    writeFile(volume / "a", std::string(1234, 'a'));
+    writeFile(volume / "line\rbreak", std::string(10, 'r'));
+    writeFile(volume / "d/x", std::string(100000, 'x'));
+    int status = -1;
+    std::string du = runCommand("find " + quoted(volume / "d") +
+                                    " -mindepth 1 ! -type d -printf '%b\\n' | awk '{s += $1} END {print s * 512}'",
+                                &status);
+    uint64_t below = std::stoull(du);
+    Lines expected{"'Sizes'/'/a'=1234", "'Sizes'/'/line\\rbreak'=10", "'Sizes'/'/d'=" + std::to_string(below),
+                   "'Sizes'/'/none'=0", "'TotalSize'=" + std::to_string(1234 + 10 + below + 1234)};
+    Lines args{"size", volume.path(), "/a", "/line\rbreak", "/d", "/none", "/a"};
+    EXPECT_EQ(expected, items(args));
+    EXPECT_EQ(expected, items(args, true));
+    // The carriage return reaches the document as a character reference.
+    Outcome run = ferryhold(args);
+    EXPECT_NE(std::string::npos, run.out.find("<key>/line&#13;break</key>"));
+}
+
+TEST_F(FerryholdTest, UsageOfTheFileSystem) {
+    TempDir volume;
+    Lines got = items({"usage", volume.path()});
+    ASSERT_EQ(2u, got.size());
+    ASSERT_EQ(0u, got[0].rfind("'UsedSize'=", 0));
+    ASSERT_EQ(0u, got[1].rfind("'FreeSize'=", 0));
+    uint64_t used = std::stoull(got[0].substr(11)), free = std::stoull(got[1].substr(11));
+    uint64_t total = std::stoull(runCommand("stat -f -c '%b * %S' " + quoted(volume.path()) + " | bc"));
+    EXPECT_EQ(total, used + free);
+}
+
+TEST_F(FerryholdTest, NothingToSayExitsOne) {
+    for (const Lines& args : {Lines{"user-paths", dir / "missing"}, Lines{"usage", dir / "missing"},
+                              Lines{"size", dir / "missing", "/a"}, Lines{"children", dir / "missing", "/"}}) {
+        Outcome run = ferryhold(args);
+        EXPECT_EQ(1, run.status) << args[0];
+        EXPECT_EQ("", run.out);
+        EXPECT_EQ("ferryhold: " + dir / "missing" + ": no such directory\n", run.err);
+    }
+    std::string root = standardVolume();
+    Outcome noFolder = ferryhold({"children", root, "/nowhere"});
+    EXPECT_EQ(1, noFolder.status);
+    EXPECT_EQ("ferryhold: /nowhere: no such folder on " + root + "\n", noFolder.err);
+
+    // A volume without system receipts, and no fallback list: no system paths.
+    bundle.setFallbackSystemPaths({});
+    TempDir bare;
+    std::filesystem::create_directories(bare / "Users/alice");
+    for (const Lines& args : {Lines{"user-paths", bare.path()}, Lines{"children", bare.path(), "/Users"}}) {
+        Outcome run = ferryhold(args);
+        EXPECT_EQ(1, run.status) << args[0];
+        EXPECT_EQ("", run.out);
+        EXPECT_TRUE(run.err.ends_with("ferryhold: " + bare.path() + ": no system paths found\n")) << run.err;
+    }
+}
+
+TEST_F(FerryholdTest, WrongCallsExitTwoWithTheUsage) {
+    std::string root = dir.path();
+    for (const Lines& args : {Lines{}, Lines{"reap", root}, Lines{"user-paths"}, Lines{"user-paths", root, "extra"},
+                              Lines{"user-paths", root, "--include", "/a", "--expand-bundles"},
+                              Lines{"user-paths", root, "--keep-system"}, Lines{"user-paths", root, "--parent"},
+                              Lines{"children", root}, Lines{"incompatible", root, "List"}, Lines{"size", root},
+                              Lines{"usage", root, "--omit", "/a"}}) {
+        Outcome run = ferryhold(args);
+        EXPECT_EQ(2, run.status) << (args.empty() ? "" : args[0]) << " " << args.size();
+        EXPECT_EQ("", run.out);
+        EXPECT_NE(std::string::npos, run.err.find("usage: ferryhold user-paths ROOT")) << run.err;
+    }
+    Outcome help = ferryhold({"--help"});
+    EXPECT_EQ(0, help.status);
+    EXPECT_EQ(0u, help.out.rfind("usage: ferryhold", 0));
+    // "--" ends the options, so a path may look like one.
+    writeFile(dir / "--json", "12");
+    EXPECT_EQ((Lines{"'Sizes'/'--json'=2", "'TotalSize'=2"}), items({"size", root, "--", "--json"}));
+}
