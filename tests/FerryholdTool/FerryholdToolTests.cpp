@@ -69,7 +69,8 @@ protected:
     std::string standardVolume() {
         return makeVolume({"/Applications/Calc.app", "/bin", "/usr/lib"}, [](VolumeBuilder& v) {
             v.file("/bin/ls", 10).file("/usr/lib/libc", 10).file("/usr/local/bin/tool", 10);
-            v.file("/Applications/Calc.app/Contents/Info.plist", 10);
+            v.file("/Applications/Calc.app/Contents/Info.plist", 0,
+                   {.text = "<plist><dict><key>CFBundleShortVersionString</key><string>1.0</string></dict></plist>"});
             v.file("/Applications/Games/Chess.app/Contents/Info.plist", 0,
                    {.text = "<plist><dict><key>CFBundleVersion</key><string>1</string></dict></plist>"});
             v.file("/Applications/Games/readme", 10);
@@ -120,15 +121,30 @@ TEST_F(FerryholdTest, UserPathsWithTheirOptions) {
               items({"user-paths", root}));
     EXPECT_EQ((Lines{"'/Library/Caches/com.quarn.user501pictureCache'", "'/Library/Fonts'"}),
               items({"user-paths", root, "--parent", "/Library"}));
-    EXPECT_EQ((Lines{"'/Applications/Games'", "'/Library'", "'/opt/a/x'", "'/opt/b'", "'/private'", "'/usr/local'"}),
+    // An included path replaces its ancestors, even the folder the walk kept whole.
+    EXPECT_EQ((Lines{"'/Applications/Games'", "'/Library'", "'/opt/a/x'", "'/private'", "'/usr/local'"}),
               items({"user-paths", root, "--include", "/opt/a/x"}));
     EXPECT_EQ((Lines{"'/opt/b'"}), items({"user-paths", root, "--parent", "/opt", "--omit", "/opt/a"}));
-    // A kept folder holding bundles gives way to what lies inside it, the bundles included.
-    Lines expanded = items({"user-paths", root, "--expand-bundles", "--parent", "/Applications"});
-    EXPECT_EQ((Lines{"'/Applications/Games'"}), items({"user-paths", root, "--parent", "/Applications"}));
-    EXPECT_EQ((Lines{"'/Applications/Games/Chess.app'", "'/Applications/Games/readme'"}), expanded);
     // The same array as JSON.
     EXPECT_EQ(items({"user-paths", root}), items({"user-paths", root}, true));
+}
+
+TEST_F(FerryholdTest, ExpandingBundlesLooksAtTheKeptPathItself) {
+    // Bundles are looked for at the kept volume-relative path as it stands, not below the
+    // root; so the folder is named by a path that exists on this machine as well.
+    std::string host = dir / "host";
+    const char* info = "<plist><dict><key>CFBundleIdentifier</key><string>com.vendor.chess</string></dict></plist>";
+    std::string root = makeVolume({"/bin"}, [&](VolumeBuilder& v) {
+        v.file(host + "/Games/Chess.app/Contents/Info.plist", 0, {.text = info});
+        v.file(host + "/Games/readme", 10);
+    });
+    writeFile(host + "/Games/Chess.app/Contents/Info.plist", info);
+    auto quote = [](const std::string& p) { return "'" + p + "'"; };
+    EXPECT_EQ((Lines{quote(host + "/Games")}), items({"user-paths", root, "--parent", host}));
+    EXPECT_EQ((Lines{quote(host + "/Games/Chess.app"), quote(host + "/Games/readme")}),
+              items({"user-paths", root, "--parent", host, "--expand-bundles"}));
+    std::filesystem::remove_all(host + "/Games/Chess.app");
+    EXPECT_EQ((Lines{quote(host + "/Games")}), items({"user-paths", root, "--parent", host, "--expand-bundles"}));
 }
 
 TEST_F(FerryholdTest, ChildrenWithAndWithoutSystemExclusion) {
@@ -210,7 +226,7 @@ TEST_F(FerryholdTest, NothingToSayExitsOne) {
     EXPECT_EQ(1, noFolder.status);
     EXPECT_EQ("ferryhold: /nowhere: no such folder on " + root + "\n", noFolder.err);
 
-    // A volume without system receipts, and no fallback list: no system paths.
+    // A volume without system receipts, and an empty fallback list: nothing to analyse with.
     bundle.setFallbackSystemPaths({});
     TempDir bare;
     std::filesystem::create_directories(bare / "Users/alice");
@@ -218,7 +234,7 @@ TEST_F(FerryholdTest, NothingToSayExitsOne) {
         Outcome run = ferryhold(args);
         EXPECT_EQ(1, run.status) << args[0];
         EXPECT_EQ("", run.out);
-        EXPECT_TRUE(run.err.ends_with("ferryhold: " + bare.path() + ": no system paths found\n")) << run.err;
+        EXPECT_TRUE(run.err.ends_with("ferryhold: " + bare.path() + ": the volume cannot be analysed\n")) << run.err;
     }
 }
 
