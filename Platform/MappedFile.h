@@ -11,8 +11,8 @@ namespace platform {
 
 class MappedFile {
 public:
-    // Maps the whole file; null when it cannot be opened, is not a regular file or
-    // cannot be mapped. An empty file maps to no bytes.
+    // Maps the whole file, its pages populated at once; null when it cannot be opened,
+    // is not a regular file or cannot be mapped. An empty file maps to no bytes.
     static std::shared_ptr<MappedFile> open(const std::string& path);
     ~MappedFile();
     MappedFile(const MappedFile&) = delete;

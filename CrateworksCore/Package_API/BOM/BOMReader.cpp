@@ -69,6 +69,8 @@ bool BOMReader::_parse() {
     if (readU32(bytes_.data() + 8) != kVersion || !_readBlockTable()) return false;
     auto paths = _variable(kPaths);
     if (!paths) return false;
+    if (auto header = _block(*paths); header && header->size() >= kTreeHeaderSize)
+        nodes_.reserve(std::min<size_t>(readU32(header->data() + 16), blockTable_.size() / 16));
     if (!_walkLeaves(*paths, [this](uint32_t value, uint32_t key) { return _addPathPair(value, key); })) return false;
     return _readSize64() && _linkParents() && _buildChildren() && _allReachable();
 }
@@ -80,14 +82,6 @@ bool BOMReader::_readBlockTable() {
     if (count == 0 || 4 + count * 8 > length) return false;
     blockTable_ = bytes_.subspan(size_t(offset) + 4, size_t(count) * 8);
     return true;
-}
-
-std::optional<std::span<const uint8_t>> BOMReader::_block(uint32_t index) const {
-    if (index == 0 || uint64_t(index) >= blockTable_.size() / 8) return std::nullopt;
-    const uint8_t* pair = blockTable_.data() + size_t(index) * 8;
-    uint32_t address = readU32(pair), length = readU32(pair + 4);
-    if (!fits(address, length, bytes_.size())) return std::nullopt;
-    return bytes_.subspan(address, length);
 }
 
 std::optional<uint32_t> BOMReader::_variable(std::string_view name) const {
@@ -186,10 +180,16 @@ bool BOMReader::_readSize64() {
 }
 
 bool BOMReader::_linkParents() {
-    std::vector<uint32_t> ids(nodes_.size());
-    for (size_t i = 0; i < nodes_.size(); ++i) ids[i] = nodes_[i].id;
+    // A writer numbers items 1, 2, ... in leaf order, so an item's index is its id less one.
+    bool numberedInOrder = true;
+    for (size_t i = 0; i < nodes_.size() && numberedInOrder; ++i) numberedInOrder = nodes_[i].id == i + 1;
     IdIndex index;
-    if (!index.build(ids)) return false;
+    if (!numberedInOrder) {
+        std::vector<uint32_t> ids(nodes_.size());
+        for (size_t i = 0; i < nodes_.size(); ++i) ids[i] = nodes_[i].id;
+        if (!index.build(ids)) return false;
+    }
+    parentsFirst_ = true;
     for (NodeIndex i = 0; i < nodes_.size(); ++i) {
         Node& node = nodes_[i];
         if (node.parent == 0) {
@@ -198,9 +198,11 @@ bool BOMReader::_linkParents() {
             node.parent = kNone;
             continue;
         }
-        auto parent = index.find(node.parent);
+        auto parent = numberedInOrder ? (node.parent <= nodes_.size() ? std::optional(node.parent - 1) : std::nullopt)
+                                      : index.find(node.parent);
         if (!parent) return false;
         node.parent = *parent;
+        parentsFirst_ = parentsFirst_ && *parent < i;
     }
     return root_.has_value();
 }
@@ -218,7 +220,10 @@ bool BOMReader::_buildChildren() {
 }
 
 // Every item has exactly one parent, so an item the root cannot reach sits on an id cycle.
+// When every parent comes before its children, following parents always ends at the
+// root and no walk is needed.
 bool BOMReader::_allReachable() const {
+    if (parentsFirst_) return true;
     std::vector<NodeIndex> stack{*root_};
     size_t reached = 0;
     while (!stack.empty()) {
@@ -263,7 +268,7 @@ uint64_t BOMReader::_size(const Node& node, uint32_t storedSize) const {
     return it != sizes64_.end() && it->first == node.id ? it->second : storedSize;
 }
 
-void BOMReader::fill(NodeIndex index, std::string_view path, BOMEntry& entry) const {
+void BOMReader::fill(NodeIndex index, BOMEntry& entry) const {
     const Node& node = nodes_[index];
     auto info = *_block(node.infoBlock);  // checked at open
     const uint8_t* p = info.data();
@@ -282,7 +287,6 @@ void BOMReader::fill(NodeIndex index, std::string_view path, BOMEntry& entry) co
     } else {
         entry.linkTarget.reset();
     }
-    entry.pathName.assign(path);
     entry.shortName.assign(name(index));
 }
 

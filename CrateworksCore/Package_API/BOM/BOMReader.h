@@ -24,7 +24,7 @@ public:
     std::string_view name(NodeIndex node) const override;
     std::optional<NodeIndex> parent(NodeIndex node) const override;
     std::optional<NodeIndex> child(NodeIndex node, std::string_view name) const override;
-    void fill(NodeIndex node, std::string_view path, BOMEntry& entry) const override;
+    void fill(NodeIndex node, BOMEntry& entry) const override;
     uint32_t count() const override { return uint32_t(nodes_.size()); }
     uint64_t bytesRepresented() const override;
 
@@ -42,7 +42,18 @@ private:
     bool _parse();
     bool _readBlockTable();
     std::optional<uint32_t> _variable(std::string_view name) const;
-    std::optional<std::span<const uint8_t>> _block(uint32_t index) const;
+    // The bytes of a block; absent for the null block, an index past the table or a
+    // block that does not lie inside the file.
+    std::optional<std::span<const uint8_t>> _block(uint32_t index) const {
+        if (index == 0 || uint64_t(index) >= blockTable_.size() / 8) return std::nullopt;
+        const uint8_t* pair = blockTable_.data() + size_t(index) * 8;
+        uint64_t address = _u32(pair), length = _u32(pair + 4);
+        if (address + length > bytes_.size()) return std::nullopt;
+        return bytes_.subspan(size_t(address), size_t(length));
+    }
+    static uint32_t _u32(const uint8_t* p) {
+        return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
+    }
     std::optional<uint32_t> _treeRoot(uint32_t headerBlock) const;
     template <typename Visit> bool _walkLeaves(uint32_t headerBlock, Visit&& visit) const;
     bool _addPathPair(uint32_t valueBlock, uint32_t keyBlock);
@@ -61,6 +72,7 @@ private:
     std::vector<NodeIndex> children_;
     std::vector<std::pair<uint32_t, uint64_t>> sizes64_;  // by id, ascending
     std::optional<NodeIndex> root_;
+    bool parentsFirst_ = false;  // every parent's index is below its children's
     // Children of each node ordered by name, made on the first look-up by path.
     mutable std::once_flag lookupOnce_;
     mutable std::vector<NodeIndex> sortedChildren_;

@@ -9,33 +9,44 @@
 namespace crateworks::bom {
 
 BOMEnumerator::BOMEnumerator(std::shared_ptr<const BOMTree> tree, NodeIndex start, std::string startPath)
-    : tree_(std::move(tree)), last_(start), path_(std::move(startPath)) {}
+    : tree_(std::move(tree)), last_(start) {
+    entry_.pathName = std::move(startPath);
+}
 
-const BOMEntry* BOMEnumerator::next() {
-    if (!last_) return nullptr;
+bool BOMEnumerator::advance() {
+    if (!last_) return false;
+    decoded_ = false;
     if (!started_) {
         started_ = true;
-        tree_->fill(*last_, path_, entry_);
-        return &entry_;
+        return true;
     }
-    if (!skip_ && !tree_->children(*last_).empty()) stack_.push_back(Frame{*last_, 0, path_.size()});
+    // The entry's path name doubles as the walk's path buffer.
+    std::string& path = entry_.pathName;
+    if (!skip_ && !tree_->children(*last_).empty()) stack_.push_back(Frame{*last_, 0, path.size()});
     skip_ = false;
     while (!stack_.empty()) {
         Frame& frame = stack_.back();
         auto kids = tree_->children(frame.directory);
         if (frame.nextChild < kids.size()) {
             NodeIndex child = kids[frame.nextChild++];
-            path_.resize(frame.pathLength);
-            path_ += '/';
-            path_ += tree_->name(child);
+            path.resize(frame.pathLength);
+            path += '/';
+            path += tree_->name(child);
             last_ = child;
-            tree_->fill(child, path_, entry_);
-            return &entry_;
+            return true;
         }
         stack_.pop_back();
     }
     last_.reset();
-    return nullptr;
+    return false;
+}
+
+const BOMEntry& BOMEnumerator::entry() {
+    if (!decoded_ && last_) {
+        tree_->fill(*last_, entry_);
+        decoded_ = true;
+    }
+    return entry_;
 }
 
 BOMStore::BOMStore(std::shared_ptr<const BOMTree> tree, std::shared_ptr<BOMWriter> writer, std::string path)
@@ -77,7 +88,8 @@ std::optional<BOMEntry> BOMStore::entryAtPath(std::string_view path) const {
     auto node = tree_->find(path);
     if (!node) return std::nullopt;
     BOMEntry entry;
-    tree_->fill(*node, path == "." ? std::string(".") : tree_->pathOf(*node), entry);
+    tree_->fill(*node, entry);
+    entry.pathName = tree_->pathOf(*node);
     return entry;
 }
 

@@ -30,7 +30,13 @@ public:
     BOMEnumerator(std::shared_ptr<const BOMTree> tree, NodeIndex start, std::string startPath);
 
     // The next entry, valid until the next call; null at the end.
-    const BOMEntry* next();
+    const BOMEntry* next() { return advance() ? &entry() : nullptr; }
+    // Moves to the next entry without decoding it; false at the end.
+    bool advance();
+    // The stored path of the entry moved to last.
+    const std::string& path() const { return entry_.pathName; }
+    // The entry moved to last, decoded on the first request; only after advance() said true.
+    const BOMEntry& entry();
     // Do not descend into the entry last returned.
     void skipDescendants() { skip_ = true; }
 
@@ -45,8 +51,8 @@ private:
     std::optional<NodeIndex> last_;  // absent before the first entry and after the last
     bool started_ = false;
     bool skip_ = false;
+    bool decoded_ = false;
     std::vector<Frame> stack_;
-    std::string path_;
     BOMEntry entry_;
 };
 

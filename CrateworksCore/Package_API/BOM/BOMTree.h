@@ -26,8 +26,9 @@ public:
     virtual std::optional<NodeIndex> parent(NodeIndex node) const = 0;
     // The child of `node` with this name.
     virtual std::optional<NodeIndex> child(NodeIndex node, std::string_view name) const = 0;
-    // Fills `entry` with the node's data; `path` is its stored path, which the caller knows.
-    virtual void fill(NodeIndex node, std::string_view path, BOMEntry& entry) const = 0;
+    // Fills `entry` with the node's data, all but its path name, which the caller knows
+    // (a walk builds it as it goes) and which is left as it is.
+    virtual void fill(NodeIndex node, BOMEntry& entry) const = 0;
     virtual uint32_t count() const = 0;
     virtual uint64_t bytesRepresented() const = 0;
 

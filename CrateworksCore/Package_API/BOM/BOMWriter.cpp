@@ -166,9 +166,10 @@ std::optional<NodeIndex> BOMWriter::child(NodeIndex node, std::string_view child
     return it != kids.end() && nodes_[*it].name == childName ? std::optional(*it) : std::nullopt;
 }
 
-void BOMWriter::fill(NodeIndex node, std::string_view path, BOMEntry& entry) const {
+void BOMWriter::fill(NodeIndex node, BOMEntry& entry) const {
+    std::string path = std::move(entry.pathName);
     entry = nodes_[node].entry;
-    entry.pathName.assign(path);
+    entry.pathName = std::move(path);
     if (entry.shortName.empty()) entry.shortName = nodes_[node].name;
 }
 
@@ -221,7 +222,7 @@ bool BOMWriter::insert(const BOMEntry& entry, bool replace) {
 bool BOMWriter::addDirectory(const std::string& directory, bool allData) {
     auto top = entryFromFile(directory, allData);
     if (!top || top->type != kEntryDirectory || root()) return false;
-    top->shortName = ".";
+    top->shortName.assign(1, '.');
     NodeIndex rootNode = _addNode(kNoParent, ".", std::move(*top));
     index_.emplace(".", rootNode);
     return _addChildren(directory, rootNode, ".", allData);

@@ -33,7 +33,7 @@ public:
     std::string_view name(NodeIndex node) const override { return nodes_[node].name; }
     std::optional<NodeIndex> parent(NodeIndex node) const override;
     std::optional<NodeIndex> child(NodeIndex node, std::string_view name) const override;
-    void fill(NodeIndex node, std::string_view path, BOMEntry& entry) const override;
+    void fill(NodeIndex node, BOMEntry& entry) const override;
     uint32_t count() const override { return uint32_t(index_.size()); }
     uint64_t bytesRepresented() const override;
 

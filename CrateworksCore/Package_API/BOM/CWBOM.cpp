@@ -67,11 +67,8 @@ std::optional<std::vector<std::string>> CWBOM::subpathsOfDirectoryAtPath(const s
     if (!entry) return std::nullopt;
     auto walk = _bomHandle->newEnumerator(*entry);
     std::vector<std::string> paths;
-    while (walk)
-        if (const bom::BOMEntry* next = walk->next())
-            paths.push_back(_stringByRemovingBomPathPrefix(next->pathName));
-        else
-            break;
+    if (!walk) return paths;
+    while (const bom::BOMEntry* next = walk->next()) paths.push_back(_stringByRemovingBomPathPrefix(next->pathName));
     return paths;
 }
 

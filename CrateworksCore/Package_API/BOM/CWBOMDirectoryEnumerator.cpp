@@ -11,23 +11,29 @@ std::shared_ptr<CWBOMDirectoryEnumerator> CWBOMDirectoryEnumerator::initWithBOM(
     if (!enumerator->_be) return nullptr;
     enumerator->_cwBom = std::move(bom);
     // The first entry is the root itself, which is held but never reported.
-    enumerator->_currentFSO = enumerator->_be->next();
+    enumerator->_hasCurrent = enumerator->_be->advance();
     return enumerator;
 }
 
 std::optional<std::string> CWBOMDirectoryEnumerator::nextObject() {
-    _currentFSO = _be->next();
-    if (!_currentFSO) return std::nullopt;
-    return CWBOM::_stringByRemovingBomPathPrefix(_currentFSO->pathName);
+    _hasCurrent = _be->advance();
+    if (!_hasCurrent) return std::nullopt;
+    return CWBOM::_stringByRemovingBomPathPrefix(_be->path());
 }
+
+const bom::BOMEntry* CWBOMDirectoryEnumerator::_currentFSO() { return _hasCurrent ? &_be->entry() : nullptr; }
 
 void CWBOMDirectoryEnumerator::skipDescendents() { _be->skipDescendants(); }
 
-bool CWBOMDirectoryEnumerator::isDirectory() { return _currentFSO && _currentFSO->type == bom::kEntryDirectory; }
+bool CWBOMDirectoryEnumerator::isDirectory() {
+    const bom::BOMEntry* current = _currentFSO();
+    return current && current->type == bom::kEntryDirectory;
+}
 
 std::optional<platform::Dictionary> CWBOMDirectoryEnumerator::fileAttributes() {
-    if (!_currentFSO) return std::nullopt;
-    return CWBOM::_attributesOfBOMEntry(*_currentFSO);
+    const bom::BOMEntry* current = _currentFSO();
+    if (!current) return std::nullopt;
+    return CWBOM::_attributesOfBOMEntry(*current);
 }
 
 }  // namespace crateworks

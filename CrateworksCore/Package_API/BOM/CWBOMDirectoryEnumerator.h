@@ -28,9 +28,12 @@ public:
 private:
     CWBOMDirectoryEnumerator() = default;
 
+    // The entry last returned, decoded only when asked for; null when there is none.
+    const bom::BOMEntry* _currentFSO();
+
     std::shared_ptr<CWBOM> _cwBom;  // keeps the BOM's data alive for the walk
     std::unique_ptr<bom::BOMEnumerator> _be;
-    const bom::BOMEntry* _currentFSO = nullptr;  // owned by _be, replaced on each step
+    bool _hasCurrent = false;
 };
 
 }  // namespace crateworks
