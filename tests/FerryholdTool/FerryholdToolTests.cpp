@@ -202,6 +202,17 @@ TEST_F(FerryholdTest, SizesAndTheirTotal) {
     EXPECT_NE(std::string::npos, run.out.find("<key>/line&#13;break</key>"));
 }
 
+TEST_F(FerryholdTest, JSONEscapesWhatItMustAndReplacesWhatIsNotUTF8) {
+    TempDir volume;
+    writeFile(volume / "tab\tquote\"back\\slash", "1");
+    writeFile(volume / "caf\xc3\xa9", "22");
+    writeFile(volume / "raw\xff", "333");
+    Lines got = items({"size", volume.path(), "/tab\tquote\"back\\slash", "/caf\xc3\xa9", "/raw\xff"}, true);
+    EXPECT_EQ((Lines{"'Sizes'/'/tab\\tquote\"back\\\\slash'=1", "'Sizes'/'/caf\xc3\xa9'=2",
+                     "'Sizes'/'/raw\xef\xbf\xbd'=3", "'TotalSize'=6"}),
+              got);
+}
+
 TEST_F(FerryholdTest, UsageOfTheFileSystem) {
     TempDir volume;
     Lines got = items({"usage", volume.path()});
