@@ -1,0 +1,176 @@
+#include "Platform/CodeSignature.h"
+
+#include <cerrno>
+#include <map>
+
+#include "Platform/Digest.h"
+#include "Platform/FileSystem.h"
+#include "Platform/FileTree.h"
+#include "Platform/FileTreeEnumerator.h"
+#include "Platform/OpenSSLHandles.h"
+#include "Platform/Path.h"
+#include "Platform/PropertyList.h"
+#include "Platform/SecurityStatus.h"
+
+namespace platform::security {
+
+namespace {
+constexpr const char* kResourcesName = "CodeResources";
+constexpr const char* kSignatureName = "CodeSignature";
+
+// The sealed items below `directory`: regular files and symbolic links outside
+// _CodeSignature, by relative path; other kinds of item are not sealed.
+std::map<std::string, std::string> sealedItems(const std::string& directory) {
+    std::map<std::string, std::string> items;  // relative path → file type
+    FileTreeEnumerator walk(directory);
+    while (auto relative = walk.nextObject()) {
+        if (*relative == kCodeSignatureDirectory) {
+            walk.skipDescendents();
+            continue;
+        }
+        auto attributes = walk.fileAttributes();
+        const std::string* type = attributes ? attributes->findString(fs::kFileType) : nullptr;
+        if (type && (*type == fs::kFileTypeRegular || *type == fs::kFileTypeSymbolicLink)) items[*relative] = *type;
+    }
+    return items;
+}
+
+// SHA-256 of a file's bytes, or of a link's target text; absent when unreadable.
+std::optional<Data> sealOf(const std::string& path) {
+    if (auto target = fs::readSymbolicLink(path))
+        return digest::compute(digest::Algorithm::SHA256, {reinterpret_cast<const uint8_t*>(target->data()), target->size()});
+    Dictionary attributes;
+    auto bytes = fs::readRegularFileNoFollow(path, &attributes);
+    if (!bytes) return std::nullopt;
+    return digest::compute(digest::Algorithm::SHA256, *bytes);
+}
+
+// A sealed path must stay below the directory.
+bool isSafeRelativePath(const std::string& relative) {
+    if (relative.empty() || relative[0] == '/') return false;
+    for (const auto& component : path::components(relative))
+        if (component == ".." || component == ".") return false;
+    return true;
+}
+
+detail::CMSPtr readSignature(const Data& der) {
+    auto bio = detail::memoryBIO(der);
+    return detail::CMSPtr(bio ? d2i_CMS_bio(bio.get(), nullptr) : nullptr);
+}
+
+CertificateList signerFirst(CMS_ContentInfo* cms) {
+    CertificateList ordered;
+    detail::X509StackPtr stored(CMS_get1_certs(cms));
+    STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms);
+    CMS_SignerInfo* signer = signers && sk_CMS_SignerInfo_num(signers) > 0 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
+    int leaf = -1;
+    for (int i = 0; stored && signer && i < sk_X509_num(stored.get()); ++i)
+        if (CMS_SignerInfo_cert_cmp(signer, sk_X509_value(stored.get(), i)) == 0) {
+            leaf = i;
+            break;
+        }
+    if (leaf >= 0) ordered.push_back(Certificate::fromNative(sk_X509_value(stored.get(), leaf)));
+    for (int i = 0; stored && i < sk_X509_num(stored.get()); ++i)
+        if (i != leaf) ordered.push_back(Certificate::fromNative(sk_X509_value(stored.get(), i)));
+    return ordered;
+}
+
+void setSigningError(Error* error, const std::string& reason) {
+    setError(error, kOSStatusErrorDomain, kStatusCodeSignatureInvalid, Dictionary{{kErrorDescriptionKey, reason}});
+}
+}  // namespace
+
+std::shared_ptr<StaticCode> StaticCode::create(const std::string& path) {
+    bool isDirectory = false;
+    if (path.empty() || !fs::exists(path, &isDirectory) || !isDirectory) return nullptr;
+    return std::shared_ptr<StaticCode>(new StaticCode(path));
+}
+
+std::optional<SigningInformation> StaticCode::signingInformation(uint32_t flags) const {
+    std::string folder = path::appendComponent(path_, kCodeSignatureDirectory);
+    auto resources = plist::readDictionaryFile(path::appendComponent(folder, kResourcesName));
+    auto signature = fs::readFile(path::appendComponent(folder, kSignatureName));
+    const std::string* identifier = resources ? resources->findString("Identifier") : nullptr;
+    if (!identifier || !signature) return std::nullopt;
+    auto cms = readSignature(*signature);
+    if (!cms) return std::nullopt;
+    SigningInformation information{*identifier, {}};
+    if (flags & kSigningInformationCertificates) information.certificates = signerFirst(cms.get());
+    return information;
+}
+
+int64_t StaticCode::checkValidity(uint32_t flags) const {
+    std::string folder = path::appendComponent(path_, kCodeSignatureDirectory);
+    auto resourcesBytes = fs::readFile(path::appendComponent(folder, kResourcesName));
+    auto signature = fs::readFile(path::appendComponent(folder, kSignatureName));
+    if (!resourcesBytes || !signature) return kStatusCodeUnsigned;
+    auto cms = readSignature(*signature);
+    auto content = detail::memoryBIO(*resourcesBytes);
+    detail::StorePtr store(X509_STORE_new());
+    if (!cms || !content || !store ||
+        CMS_verify(cms.get(), nullptr, store.get(), content.get(), nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1)
+        return kStatusCodeSignatureInvalid;
+    if (flags & kValidityDoNotValidateResources) return 0;
+    auto resources = plist::readBytes(*resourcesBytes);
+    const Dictionary* top = resources ? resources->dictionary() : nullptr;
+    const Dictionary* files = top ? top->findDictionary("Files") : nullptr;
+    if (!files) return kStatusCodeSignatureInvalid;
+    return _checkResources(*files);
+}
+
+int64_t StaticCode::_checkResources(const Dictionary& files) const {
+    for (const auto& [relative, seal] : files) {
+        if (!isSafeRelativePath(relative) || !seal.data()) return kStatusCodeSignatureInvalid;
+        std::string item = path::appendComponent(path_, relative);
+        if (!fs::existsNoFollow(item)) return kStatusResourceMissing;
+        auto actual = sealOf(item);
+        if (!actual || *actual != *seal.data()) return kStatusResourceModified;
+    }
+    for (const auto& [relative, type] : sealedItems(path_))
+        if (!files.contains(relative)) return kStatusResourceAdded;
+    return 0;
+}
+
+bool signDirectory(const std::string& directory, const std::string& identifier, const PrivateKey& key,
+                   const CertificateList& certificates, Error* error) {
+    if (certificates.empty() || !StaticCode::create(directory)) {
+        setSigningError(error, "a directory and a signing certificate are needed to sign");
+        return false;
+    }
+    Dictionary files;
+    for (const auto& [relative, type] : sealedItems(directory)) {
+        auto seal = sealOf(path::appendComponent(directory, relative));
+        if (!seal) {
+            if (error) *error = fs::posixError(EIO, path::appendComponent(directory, relative));
+            return false;
+        }
+        files.set(relative, *seal);
+    }
+    Data resources;
+    std::string xml = plist::toXML(Dictionary{{"Identifier", identifier}, {"Files", std::move(files)}});
+    resources.assign(xml.begin(), xml.end());
+
+    detail::X509StackPtr extra(sk_X509_new_null());
+    for (size_t i = 1; i < certificates.size(); ++i) {
+        X509_up_ref(certificates[i]->native());
+        sk_X509_push(extra.get(), certificates[i]->native());
+    }
+    auto content = detail::memoryBIO(resources);
+    detail::CMSPtr cms(CMS_sign(certificates[0]->native(), key.native(), extra.get(), content.get(),
+                                CMS_DETACHED | CMS_BINARY));
+    unsigned char* der = nullptr;
+    int length = cms ? i2d_CMS_ContentInfo(cms.get(), &der) : -1;
+    if (length <= 0) {
+        setSigningError(error, "the key does not sign with the certificate given");
+        return false;
+    }
+    Data signature(der, der + length);
+    OPENSSL_free(der);
+
+    std::string folder = path::appendComponent(directory, kCodeSignatureDirectory);
+    return fs::createDirectories(folder, 0755, error) &&
+           fs::writeFileAtomically(path::appendComponent(folder, kResourcesName), resources, error) &&
+           fs::writeFileAtomically(path::appendComponent(folder, kSignatureName), signature, error);
+}
+
+}  // namespace platform::security

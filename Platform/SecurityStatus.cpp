@@ -1,0 +1,24 @@
+#include "Platform/SecurityStatus.h"
+
+#include <openssl/x509.h>
+
+namespace platform::security {
+
+std::optional<std::string> messageForStatus(int64_t status) {
+    switch (status) {
+    case 0: return std::nullopt;
+    case kStatusDevelopmentSigned: return "development-signed certificate";
+    case kStatusSignatureMismatch: return "the signature does not match the signed data";
+    case kStatusVerifyContextFailed: return "the signature cannot be checked with the certificate's key";
+    case kStatusCodeSignatureInvalid: return "the code signature is invalid";
+    case kStatusResourceModified: return "a sealed resource was modified";
+    case kStatusResourceMissing: return "a sealed resource is missing";
+    case kStatusResourceAdded: return "a resource was added that the code signature does not seal";
+    case kStatusCodeUnsigned: return "the code is not signed";
+    default: break;
+    }
+    if (status > 0 && status < 1000) return std::string(X509_verify_cert_error_string(long(status)));
+    return std::nullopt;
+}
+
+}  // namespace platform::security
