@@ -1,5 +1,6 @@
 #include "CrateworksCore/Package_API/Archive/CWFolderArchive.h"
 
+#include "CrateworksCore/Package_API/Archive/CWFolderArchiveSignature.h"
 #include "Platform/FileSystem.h"
 #include "Platform/FileTree.h"
 #include "Platform/FileTreeEnumerator.h"
@@ -55,14 +56,19 @@ bool CWFolderArchive::extractItemAtPath(const std::string& path, const std::stri
     return platform::fs::copyItem(_joined(path), destination, error);
 }
 
-bool CWFolderArchive::verifyReturningError(platform::Error*) {
+bool CWFolderArchive::verifyReturningError(platform::Error* error) {
     auto signatures = archiveSignatures();
-    // Checking a folder's code signature comes with the signature classes; until then
-    // no folder carries one and an unsigned folder is valid.
-    return !signatures || signatures->empty();
+    // An unsigned folder is valid; a signed one must match its seal, resources included.
+    if (!signatures || signatures->empty()) return true;
+    auto* signature = dynamic_cast<CWFolderArchiveSignature*>(signatures->front().get());
+    return signature && signature->verifyCodeSignatureIncludingSealedResources(true, error);
 }
 
-std::optional<CWArchiveSignatureList> CWFolderArchive::archiveSignatures() { return std::nullopt; }
+std::optional<CWArchiveSignatureList> CWFolderArchive::archiveSignatures() {
+    auto signature = CWFolderArchiveSignature::initWithArchiveAtPath(_archivePath);
+    if (!signature) return std::nullopt;
+    return CWArchiveSignatureList{signature};
+}
 
 bool CWFolderArchive::setData(const platform::Data& data, const std::string& path, bool) {
     std::string target = _joined(path);

@@ -28,7 +28,7 @@ public:
     // An unsigned folder is valid.
     bool verifyReturningError(platform::Error* error) override;
     bool closeArchive() override { return true; }
-    // Null: a folder carries no signature the library can read yet.
+    // Its code signature as the one element; null when the folder is not signed.
     std::optional<CWArchiveSignatureList> archiveSignatures() override;
 
     bool setData(const platform::Data& data, const std::string& path, bool compressed) override;

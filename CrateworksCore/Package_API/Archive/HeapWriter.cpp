@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <unistd.h>
+#include <zlib.h>
 
 #include "CrateworksCore/Package_API/Archive/XarEncoding.h"
 
@@ -140,6 +141,54 @@ void HeapWriter::_drain(bool untilEmpty) {
         std::lock_guard lock(mutex_);
         bytesInWindow_ -= job->windowBytes;
     }
+}
+
+bool HeapWriter::addStream(DataInfo* target, int fd, bool compress) {
+    _drain(true);
+    platform::digest::Hasher extracted(algorithm_), archived(algorithm_);
+    DataInfo r;
+    r.offset = end_;
+    r.encoding = compress ? Encoding::Gzip : Encoding::None;
+    z_stream z{};
+    if (compress && deflateInit(&z, 6) != Z_OK) return false;
+    std::vector<uint8_t> in(1 << 20), out(deflateBound(&z, uLong(in.size())) + 64);
+    bool ok = true, done = false;
+    auto emit = [&](const uint8_t* bytes, size_t n) {
+        archived.update({bytes, n});
+        ok = ok && writeAt(heapFd_, bytes, n, end_);
+        end_ += n;
+        r.length += n;
+    };
+    while (ok && !done) {
+        ssize_t n = read(fd, in.data(), in.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            ok = false;
+            break;
+        }
+        done = n == 0;
+        extracted.update({in.data(), size_t(n)});
+        r.size += uint64_t(n);
+        if (!compress) {
+            emit(in.data(), size_t(n));
+            continue;
+        }
+        z.next_in = in.data();
+        z.avail_in = uInt(n);
+        do {
+            z.next_out = out.data();
+            z.avail_out = uInt(out.size());
+            deflate(&z, done ? Z_FINISH : Z_NO_FLUSH);
+            emit(out.data(), out.size() - z.avail_out);
+        } while (z.avail_out == 0 || (done && z.avail_in > 0));
+    }
+    if (compress) deflateEnd(&z);
+    if (!ok) return false;
+    r.extractedChecksumStyle = r.archivedChecksumStyle = checksumStyle_;
+    r.extractedChecksum = platform::digest::hex(extracted.finish());
+    r.archivedChecksum = platform::digest::hex(archived.finish());
+    *target = std::move(r);
+    return true;
 }
 
 bool HeapWriter::finish() {

@@ -31,6 +31,9 @@ public:
     void add(DataInfo* target, platform::Data bytes, bool compress);
     // Queues bytes already encoded whose `target` is complete but for the offset.
     void addStored(DataInfo* target, platform::Data stored);
+    // Writes a file too large to hold in memory straight into the heap, after every
+    // entry queued before it, reading `fd` to its end. False on a read or write failure.
+    bool addStream(DataInfo* target, int fd, bool compress);
     // Waits for every queued entry. False when a write failed (errno kept).
     bool finish();
     // The heap's end so far.

@@ -312,6 +312,14 @@ void XarHandle::_setProperty(File file, std::string name, std::string value) {
     file->properties.push_back(Property{std::move(name), std::move(value), {}});
 }
 
+HeapWriter& XarHandle::_heapWriter() {
+    if (!heapWriter_) {
+        // The heap starts with the room for the TOC checksum and the signatures.
+        heapWriter_ = std::make_unique<HeapWriter>(heapFd_, _heapStart(), *option("file-chksum"));
+    }
+    return *heapWriter_;
+}
+
 File XarHandle::addFolder(File parent, std::string_view name, const struct stat& st) {
     File f = _newEntry(parent, name, "directory");
     if (!f) return nullptr;
@@ -333,13 +341,8 @@ File XarHandle::addFromBuffer(File parent, std::string_view name, std::span<cons
     _setProperty(f, "ctime", now);
     _setProperty(f, "mtime", now);
     if (!bytes.empty()) {
-        if (!heapWriter_) {
-            auto algorithm = platform::digest::fromName(*option("toc-cksum"));
-            heapWriter_ = std::make_unique<HeapWriter>(heapFd_, platform::digest::length(*algorithm),
-                                                       *option("file-chksum"));
-        }
         f->data.emplace();
-        heapWriter_->add(&*f->data, platform::Data(bytes.begin(), bytes.end()), option("compression") == "gzip");
+        _heapWriter().add(&*f->data, platform::Data(bytes.begin(), bytes.end()), option("compression") == "gzip");
     }
     return f;
 }
@@ -360,11 +363,18 @@ File XarHandle::addFromPath(File parent, std::string_view name, const std::strin
     }
     std::optional<platform::Data> bytes;
     std::optional<std::string> target;
-    if (type == "file" && !(bytes = platform::fs::readFile(sourcePath))) return nullptr;
+    const platform::Value* size = attributes->find(platform::fs::kFileSize);
+    bool streamed = type == "file" && size && size->unsignedInteger().value_or(0) > kMaxInMemoryEntrySize;
+    int streamFd = streamed ? ::open(sourcePath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW) : -1;
+    if (streamed && streamFd < 0) return nullptr;
+    if (type == "file" && !streamed && !(bytes = platform::fs::readFile(sourcePath))) return nullptr;
     if (type == "symlink" && !(target = platform::fs::readSymbolicLink(sourcePath))) return nullptr;
 
     File f = _newEntry(parent, name, type);
-    if (!f) return nullptr;
+    if (!f) {
+        if (streamFd >= 0) ::close(streamFd);
+        return nullptr;
+    }
     if (target) {
         bool isDirectory = false;
         bool exists = platform::fs::exists(sourcePath, &isDirectory);
@@ -388,13 +398,18 @@ File XarHandle::addFromPath(File parent, std::string_view name, const std::strin
     _setProperty(f, "ctime", isoDate(attributes->find(platform::fs::kFileCreationDate)));
     _setProperty(f, "mtime", isoDate(attributes->find(platform::fs::kFileModificationDate)));
     if (bytes && !bytes->empty()) {
-        if (!heapWriter_) {
-            auto algorithm = platform::digest::fromName(*option("toc-cksum"));
-            heapWriter_ = std::make_unique<HeapWriter>(heapFd_, platform::digest::length(*algorithm),
-                                                       *option("file-chksum"));
-        }
         f->data.emplace();
-        heapWriter_->add(&*f->data, std::move(*bytes), option("compression") == "gzip");
+        _heapWriter().add(&*f->data, std::move(*bytes), option("compression") == "gzip");
+    }
+    if (streamFd >= 0) {
+        f->data.emplace();
+        bool ok = _heapWriter().addStream(&*f->data, streamFd, option("compression") == "gzip");
+        ::close(streamFd);
+        if (!ok) {
+            // The entry stays in the TOC without data; the caller learns of the failure.
+            f->data.reset();
+            return nullptr;
+        }
     }
     return f;
 }
@@ -409,21 +424,17 @@ File XarHandle::addFromArchive(File parent, std::string_view name, const XarHand
     for (const auto& p : sourceFile->properties)
         if (p.name != "name") f->properties.push_back(p);
     if (stored) {
-        if (!heapWriter_) {
-            auto algorithm = platform::digest::fromName(*option("toc-cksum"));
-            heapWriter_ = std::make_unique<HeapWriter>(heapFd_, platform::digest::length(*algorithm),
-                                                       *option("file-chksum"));
-        }
         f->data = sourceFile->data;
-        heapWriter_->addStored(&*f->data, std::move(*stored));
+        _heapWriter().addStored(&*f->data, std::move(*stored));
     }
     return f;
 }
 
 std::optional<platform::Data> XarHandle::signatureBytes(const Signature& signature) const {
+    // Bounds first: a size from the TOC is only allocated once the heap is known to hold it.
+    if (!inBounds(signature.offset, signature.size, heapSize_)) return std::nullopt;
     platform::Data bytes(signature.size);
-    if (!inBounds(signature.offset, signature.size, heapSize_) || !readHeap(signature.offset, signature.size, bytes.data()))
-        return std::nullopt;
+    if (!readHeap(signature.offset, signature.size, bytes.data())) return std::nullopt;
     return bytes;
 }
 
@@ -438,6 +449,19 @@ bool XarHandle::signatureAddX509Certificate(size_t signatureIndex, platform::Dat
     if (mode_ != Mode::Write || signatureIndex >= toc_.signatures.size()) return false;
     toc_.signatures[signatureIndex].certificates.push_back(std::move(der));
     return true;
+}
+
+std::optional<size_t> XarHandle::signatureAdd(std::string type, uint64_t size, SignatureMaker sign) {
+    if (mode_ != Mode::Write || heapWriter_ || size == 0) return std::nullopt;
+    toc_.signatures.push_back(Signature{std::move(type), 0, size, {}});
+    signatureMakers_.push_back(std::move(sign));
+    return toc_.signatures.size() - 1;
+}
+
+uint64_t XarHandle::_heapStart() const {
+    uint64_t start = platform::digest::length(*platform::digest::fromName(*option("toc-cksum")));
+    for (const auto& s : toc_.signatures) start += s.size;
+    return start;
 }
 
 int XarHandle::close() {
@@ -456,7 +480,7 @@ int XarHandle::_write() {
     std::string tocStyle = *option("toc-cksum");
     auto algorithm = *platform::digest::fromName(tocStyle);
     uint64_t checksumLength = platform::digest::length(algorithm);
-    uint64_t heapEnd = checksumLength;
+    uint64_t heapEnd = _heapStart();
     if (heapWriter_) {
         bool ok = heapWriter_->finish();
         heapEnd = heapWriter_->end();
@@ -466,11 +490,25 @@ int XarHandle::_write() {
     toc_.checksumStyle = tocStyle;
     toc_.checksumOffset = 0;
     toc_.checksumSize = checksumLength;
+    uint64_t signatureOffset = checksumLength;
+    for (auto& s : toc_.signatures) {
+        s.offset = signatureOffset;
+        signatureOffset += s.size;
+    }
     std::string now = platform::Date::now().iso8601();
-    std::string xml = serializeToc(toc_, now.substr(0, now.size() - 1));
+    std::string xml = serializeToc(toc_, creationTime_.value_or(now.substr(0, now.size() - 1)));
     platform::Data compressed = compressTOC(xml);
     platform::Data checksum = platform::digest::compute(algorithm, compressed);
     if (pwrite(heapFd_, checksum.data(), checksum.size(), 0) != ssize_t(checksum.size())) return -1;
+    for (size_t i = 0; i < signatureMakers_.size(); ++i) {
+        const Signature& s = toc_.signatures[i];
+        auto bytes = signatureMakers_[i] ? signatureMakers_[i](checksum) : std::nullopt;
+        if (!bytes || bytes->size() != s.size) {
+            errno = EINVAL;
+            return -1;
+        }
+        if (pwrite(heapFd_, bytes->data(), bytes->size(), off_t(s.offset)) != ssize_t(s.size)) return -1;
+    }
 
     uint32_t code = tocStyle == "sha1" ? kSHA1 : tocStyle == "md5" ? kMD5 : kNamed;
     std::string header;

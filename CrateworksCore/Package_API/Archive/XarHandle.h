@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -94,6 +95,15 @@ public:
     std::optional<platform::Data> signatureBytes(const Signature& signature) const;
     std::optional<platform::Data> signedData() const;
     bool signatureAddX509Certificate(size_t signatureIndex, platform::Data der);
+    // Writing: reserves `size` heap bytes for a signature of `type` after the TOC
+    // checksum and the signatures before it. When the archive is written, `sign`
+    // receives the TOC checksum and must answer exactly `size` bytes, or the write
+    // fails. The new signature's index; absent when the handle is not writing or entry
+    // data was added already.
+    using SignatureMaker = std::function<std::optional<platform::Data>(std::span<const uint8_t> checksum)>;
+    std::optional<size_t> signatureAdd(std::string type, uint64_t size, SignatureMaker sign);
+    // Writing: the TOC's "creation-time" text ("YYYY-MM-DDTHH:MM:SS", UTC); now when unset.
+    void setCreationTime(std::string text) { creationTime_ = std::move(text); }
 
     // Entries refused with their subtrees for an unsafe name when the TOC was read.
     uint64_t refusedEntryCount() const { return toc_.refusedEntries; }
@@ -110,7 +120,10 @@ private:
     File _newEntry(File parent, std::string_view name, std::string type);
     void _setProperty(File file, std::string name, std::string value);
     std::optional<platform::Data> _storedBytes(const DataInfo& data) const;
+    HeapWriter& _heapWriter();
     int _write();
+    // Where entry data starts: after the TOC checksum and the reserved signatures.
+    uint64_t _heapStart() const;
 
     std::string path_;
     Mode mode_;
@@ -125,6 +138,8 @@ private:
     uint64_t nextID_ = 1;
     mutable std::unordered_map<std::string, File> index_;
     mutable bool indexed_ = false;
+    std::vector<SignatureMaker> signatureMakers_;
+    std::optional<std::string> creationTime_;
 };
 
 }  // namespace crateworks::xar

@@ -1,6 +1,7 @@
 // The XAR archive classes: attributes, enumeration, digests, writing, verification.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/CWMutableXARArchive.h"
@@ -314,6 +315,26 @@ TEST(CWXARArchive, ExtractingADirectoryItemWritesItsTree) {
     EXPECT_EQ("zulu", testsupport::readFile(tmp / "z-copy"));
     EXPECT_FALSE(archive->extractItemAtPath("missing", tmp / "m", &error));
     EXPECT_EQ(ENOENT, error.code);
+}
+
+TEST(CWMutableXARArchive, LargeFilesAreStreamedBothWays) {
+    TempDir tmp;
+    // Past the in-memory limit: written and extracted in pieces, not held whole.
+    std::string big = tmp / "big.bin";
+    testsupport::writeFile(big, "head");
+    ASSERT_EQ(0, truncate(big.c_str(), (65 << 20) + 17));
+    testsupport::writeFile(tmp / "tail.bin", "tail");
+    auto writer = CWMutableXARArchive::initForWritingToPath(tmp / "big.xar", nullptr);
+    ASSERT_TRUE(writer->setFile(big, "big.bin", true));
+    ASSERT_TRUE(writer->setFile(tmp / "tail.bin", "tail.bin", false));
+    ASSERT_TRUE(writer->closeArchive());
+    EXPECT_LT(testsupport::readFile(tmp / "big.xar").size(), 1u << 20);
+    EXPECT_TRUE(writer->verifyReturningError(nullptr));
+    EXPECT_EQ("tail", text(writer->dataForPath("tail.bin")));
+    int status = -1;
+    std::string out = runTool("xar extract " + shellQuote(tmp / "big.xar") + " " + shellQuote(tmp / "out"), &status);
+    ASSERT_EQ(0, status) << out;
+    EXPECT_EQ("", runCommand("cmp " + shellQuote(big) + " " + shellQuote(tmp / "out/big.bin") + " 2>&1"));
 }
 
 }  // namespace
