@@ -67,9 +67,10 @@ Choice probeProcessChoice() {
         return {Method::plainStatx,
                 fmt::format("FileSizer: plain statx (no processor to spare for io_uring: {} processors, load {:.2f})",
                             processors, load)};
-    return {Method::ioUring,
-            fmt::format("FileSizer: statx through io_uring, batches of {} submitted together ({} processors, load {:.2f})",
-                        CatalogueIterator::kBatchSize, processors, load)};
+    return {
+        Method::ioUring,
+        fmt::format("FileSizer: statx through io_uring, batches of {} submitted together ({} processors, load {:.2f})",
+                    CatalogueIterator::kBatchSize, processors, load)};
 }
 
 const Choice& processChoice() {

@@ -324,7 +324,8 @@ TEST_F(FileSizerTest, PrivateDirectoryDataCountsZeroWithoutBeingOpened) {
     CapturedConsole console;
     EXPECT_EQ(std::optional<uint64_t>(0), FileSizer::directorySizeAtPath(hidden));
     EXPECT_EQ(0u, FileSizer::sizeForPath(hidden));
-    EXPECT_EQ(std::optional<uint64_t>(0), FileSizer::directorySizeAtPath(temp / "absent/.HFS+ Private Directory Data\r"));
+    EXPECT_EQ(std::optional<uint64_t>(0),
+              FileSizer::directorySizeAtPath(temp / "absent/.HFS+ Private Directory Data\r"));
     EXPECT_TRUE(console.messages.empty());
     // Met inside a walk, it is a folder like any other.
     CatalogueIterator::setFailingDirectoryNameForTesting(std::nullopt);
@@ -373,9 +374,9 @@ TEST(CatalogueSession, ForcedMethodAndProcessChoice) {
     CatalogueSession session;
     EXPECT_EQ(CatalogueSession::processMethod(), session.method());
     std::string description = CatalogueSession::processMethodDescription();
-    EXPECT_NE(std::string::npos, description.find(session.method() == CatalogueSession::Method::ioUring
-                                                      ? "io_uring, batches"
-                                                      : "plain statx"));
+    EXPECT_NE(
+        std::string::npos,
+        description.find(session.method() == CatalogueSession::Method::ioUring ? "io_uring, batches" : "plain statx"));
 }
 
 }  // namespace
