@@ -136,5 +136,7 @@ TEST(Framework, OverrideEnvironmentAndResources) {
     EXPECT_FALSE(framework::pathForResource("", ""));
     framework::setBundlePathOverride(std::nullopt);
     // Test programs run with FERRYHOLD_FRAMEWORK_PATH set to the build tree's bundle.
-    if (const char* env = getenv("FERRYHOLD_FRAMEWORK_PATH")) EXPECT_EQ(env, framework::bundlePath());
+    if (const char* env = getenv("FERRYHOLD_FRAMEWORK_PATH")) {
+        EXPECT_EQ(env, framework::bundlePath());
+    }
 }
