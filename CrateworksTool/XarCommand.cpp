@@ -9,6 +9,7 @@
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
 #include "CrateworksCore/Package_API/Archive/XarExtractor.h"
 #include "CrateworksTool/Command.h"
+#include "CrateworksTool/SignCommand.h"
 #include "Platform/ExtractionRoot.h"
 #include "Platform/FileSystem.h"
 #include "Platform/FileTreeEnumerator.h"
@@ -170,13 +171,14 @@ int xarMain(const std::vector<std::string>& args) {
         return create(args[1], args[2], args.size() == 4);
     if (verb == "verify" && args.size() == 2) return verify(args[1]);
     if (verb == "digest" && args.size() == 2) return digest(args[1]);
+    if (verb == "sign") return crateworks::xarSignMain({args.begin() + 1, args.end()});
     return crateworks::usage();
 }
 
 const crateworks::Registration registration{
     "xar",
     "xar list ARCHIVE [--json] | xar extract ARCHIVE DEST | xar create OUT DIR [--store] | xar verify ARCHIVE | "
-    "xar digest ARCHIVE",
+    "xar digest ARCHIVE | xar sign IN OUT --key KEY.pem --cert CERT.pem [--cert MORE.pem ...] [--date ISO8601]",
     xarMain};
 
 }  // namespace

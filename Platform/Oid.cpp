@@ -25,7 +25,10 @@ Data wholeEncoding(const Data& content) {
 }  // namespace
 
 std::optional<Oid> Oid::fromDotted(std::string_view dotted) {
-    if (dotted.empty() || dotted.find_first_not_of("0123456789.") != std::string_view::npos) return std::nullopt;
+    if (dotted.empty() || dotted.find_first_not_of("0123456789.") != std::string_view::npos ||
+        dotted.find("..") != std::string_view::npos || dotted.front() == '.' || dotted.back() == '.' ||
+        dotted.find('.') == std::string_view::npos)
+        return std::nullopt;
     detail::ObjectPtr object(OBJ_txt2obj(std::string(dotted).c_str(), 1));
     if (!object || OBJ_length(object.get()) == 0) return std::nullopt;
     const unsigned char* data = OBJ_get0_data(object.get());

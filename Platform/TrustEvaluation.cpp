@@ -9,6 +9,9 @@
 namespace platform::security {
 
 namespace {
+// Intermediates between leaf and anchor; a signature carries a handful at most.
+constexpr int kMaxChainDepth = 10;
+
 // Faults of the certificates themselves are fatal; everything else (dates, missing
 // anchors, purposes) may be put right and is recoverable.
 int32_t resultForVerifyError(int error) {
@@ -98,6 +101,7 @@ bool Trust::evaluate(int32_t* resultOut) {
     X509_VERIFY_PARAM* param = X509_STORE_CTX_get0_param(ctx.get());
     // Any anchor ends a chain, a root that is not self-signed included.
     X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_PARTIAL_CHAIN);
+    X509_VERIFY_PARAM_set_depth(param, kMaxChainDepth);
     X509_VERIFY_PARAM_set_time(param, time_t(verifyDate().secondsSince1970));
 
     bool valid = X509_verify_cert(ctx.get()) == 1;

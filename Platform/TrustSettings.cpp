@@ -82,7 +82,9 @@ std::string environment(const char* name) {
 bool trustedAsRootForSomePolicy(const std::vector<TrustSetting>& settings) {
     if (settings.empty()) return true;
     for (const auto& s : settings)
-        if (s.result == kTrustSettingsResultTrustRoot || s.result == kTrustSettingsResultTrustAsRoot) return true;
+        // An entry without a result trusts as root, as it does for its own policy.
+        if (!s.result || s.result == kTrustSettingsResultTrustRoot || s.result == kTrustSettingsResultTrustAsRoot)
+            return true;
     return false;
 }
 
