@@ -169,7 +169,6 @@ void URLConnection::_configureHandle() {
     curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
     if (options_.caFile) curl_easy_setopt(h, CURLOPT_CAINFO, options_.caFile->c_str());
-    if (current_.shouldHandleCookies && !current_.url.isFileURL()) curl_easy_setopt(h, CURLOPT_COOKIEFILE, "");
     curl_slist_free_all(static_cast<curl_slist*>(headerList_));
     curl_slist* list = nullptr;
     for (const auto& [name, value] : current_.headerFields)

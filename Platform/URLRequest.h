@@ -28,6 +28,7 @@ struct URLRequest {
     int cachePolicy;
     // Seconds the transfer may go without progress (connecting included) before it fails.
     double timeoutInterval;
+    // No cookie store is kept, so no cookie is ever sent; the flag is kept for callers.
     bool shouldHandleCookies = true;
     std::vector<std::pair<std::string, std::string>> headerFields;
 
