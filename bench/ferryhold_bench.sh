@@ -3,9 +3,10 @@
 # (120 system receipts, 400,000 BOM entries, 150,000 files on disk), warm cache.
 #   bench/ferryhold_bench.sh [BUILD_DIR] [VOLUME]   (defaults: build, /tmp/benchvol)
 # Builds the volume with reaper_bench when it is missing. Prints the medians of nine
-# interleaved runs of each, their ratio (target <= 0.5), the share of the rule-data tool
-# that every analysis starts, and the directory entries each program read below ROOT
-# (counted by strace from the getdents64 calls, "." and ".." left out).
+# interleaved runs of each, their ratio (target <= 0.5) in elapsed and in CPU time, the
+# share of the rule-data tool that every analysis starts, and the directory entries
+# each program read below ROOT (counted by strace from the getdents64 calls, "." and
+# ".." left out).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$(realpath "${1:-build}")
@@ -14,7 +15,7 @@ volume=${2:-/tmp/benchvol}
 volume=$(realpath "$volume")
 
 python3 - "$build" "$volume" <<'PY'
-import os, re, shutil, statistics, subprocess, sys, time
+import re, resource, shutil, statistics, subprocess, sys, time
 
 build, volume = sys.argv[1], sys.argv[2]
 ferryhold = [f"{build}/bin/ferryhold", "user-paths", volume]
@@ -22,10 +23,16 @@ find = ["find", volume, "-xdev"]
 tool = [f"{build}/lib/Ferryhold.framework/Resources/MigrationData/ConfMigrator/pdExtraKeepPaths", volume]
 runs = 9
 
+cpu = {}
+
 def elapsed(command):
+    before = resource.getrusage(resource.RUSAGE_CHILDREN)
     start = time.perf_counter()
     subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
-    return time.perf_counter() - start
+    wall = time.perf_counter() - start
+    after = resource.getrusage(resource.RUSAGE_CHILDREN)
+    cpu.setdefault(command[0], []).append(after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime)
+    return wall
 
 # Warm the page cache and the volume's system path cache.
 for command in (find, ferryhold, find, ferryhold):
@@ -41,6 +48,9 @@ kept = subprocess.run(ferryhold, capture_output=True, check=True).stdout.count(b
 print(f"volume {volume}: ferryhold user-paths kept {kept} paths")
 print(f"ferryhold user-paths {median['ferryhold']:.3f} s, find -xdev {median['find']:.3f} s, "
       f"ratio {median['ferryhold'] / median['find']:.2f} (target <= 0.5)")
+cpu_ours, cpu_find = statistics.median(cpu[ferryhold[0]][2:]), statistics.median(cpu[find[0]][2:])
+print(f"CPU time (user + system, children included): ferryhold {cpu_ours:.3f} s, find {cpu_find:.3f} s, "
+      f"ratio {cpu_ours / cpu_find:.2f}")
 print(f"of which the rule-data tool pdExtraKeepPaths alone {median['tool']:.3f} s "
       f"({median['tool'] / median['ferryhold']:.0%})")
 
