@@ -15,15 +15,13 @@
 #include "CrateworksCore/Package_API/Receipts/CWReceipt.h"
 #include "Platform/Checksum.h"
 #include "Platform/Path.h"
-#include "Platform/Strings.h"
 
 namespace {
 
 using crateworks::bom::BOMEntry;
 
-bool isConfigurationPath(const std::string& stored) {
-    return platform::str::hasPrefix(stored, "./private/etc/") || platform::str::hasPrefix(stored, "./Library/Preferences/");
-}
+// The folders whose files count as configuration, in their stored BOM form.
+constexpr const char* kConfigurationFolders[] = {"./private/etc", "./Library/Preferences"};
 
 // Whether the file on the volume differs from what the BOM says was installed; false
 // when it is gone.
@@ -47,13 +45,17 @@ int main(int argc, char** argv) {
     std::set<std::string> changed;
     for (const auto& receipt : crateworks::CWReceipt::_findReceiptsOnVolumeAtPath(root)) {
         auto store = crateworks::bom::BOMStore::openFile(receipt->bomPath());
-        auto rootEntry = store ? store->rootEntry() : std::nullopt;
-        auto walk = rootEntry ? store->newEnumerator(*rootEntry) : nullptr;
-        if (!walk) continue;
-        while (const BOMEntry* entry = walk->next()) {
-            if (entry->type != crateworks::bom::kEntryFile || !isConfigurationPath(entry->pathName)) continue;
-            std::string relative = entry->pathName.substr(1);  // "./a/b" -> "/a/b"
-            if (changedSinceInstall(platform::path::appendComponent(root, relative), *entry)) changed.insert(relative);
+        if (!store) continue;
+        // Only the configuration folders are walked, not the whole bill of materials.
+        for (const char* folder : kConfigurationFolders) {
+            auto start = store->entryAtPath(folder);
+            auto walk = start ? store->newEnumerator(*start) : nullptr;
+            if (!walk) continue;
+            while (const BOMEntry* entry = walk->next()) {
+                if (entry->type != crateworks::bom::kEntryFile) continue;
+                std::string relative = entry->pathName.substr(1);  // "./a/b" -> "/a/b"
+                if (changedSinceInstall(platform::path::appendComponent(root, relative), *entry)) changed.insert(relative);
+            }
         }
     }
     for (const auto& path : changed) printf("%s\n", path.c_str());
