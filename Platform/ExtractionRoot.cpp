@@ -187,16 +187,6 @@ void ExtractionRoot::discard(PendingFile& file) {
 }
 
 namespace {
-bool writeAll(int fd, const uint8_t* bytes, size_t size) {
-    while (size > 0) {
-        ssize_t n = write(fd, bytes, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        bytes += n;
-        size -= size_t(n);
-    }
-    return true;
-}
 }  // namespace
 
 bool ExtractionRoot::writeFile(const std::string& relativePath, std::span<const uint8_t> bytes, mode_t mode,
@@ -211,14 +201,14 @@ bool ExtractionRoot::writeFile(const std::string& relativePath, std::span<const 
         // Something is there already: it is replaced by a rename, never opened.
         auto pending = createFile(relativePath, mode, error);
         if (!pending) return false;
-        if (!writeAll(pending->fd, bytes.data(), bytes.size())) {
+        if (!fs::writeAll(pending->fd, bytes)) {
             int saved = errno;
             discard(*pending);
             return (error ? (*error = _error(saved, relativePath), false) : false);
         }
         return commit(*pending, mode, modificationDate, error);
     }
-    bool ok = writeAll(fd, bytes.data(), bytes.size()) && ((mode & 07777) == created || fchmod(fd, mode & 07777) == 0);
+    bool ok = fs::writeAll(fd, bytes) && ((mode & 07777) == created || fchmod(fd, mode & 07777) == 0);
     if (ok && modificationDate) {
         struct timespec times[2] = {{0, UTIME_OMIT}, timespecFor(*modificationDate)};
         ok = futimens(fd, times) == 0;

@@ -156,17 +156,11 @@ bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
                                                  "." + std::to_string(counter++));
     int fd = open(temp.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_WRONLY | O_CLOEXEC, 0666);
     if (fd < 0) return fail(error, temp);
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            int saved = errno;
-            close(fd);
-            unlink(temp.c_str());
-            return fail(error, temp, saved);
-        }
-        done += size_t(n);
+    if (!writeAll(fd, bytes)) {
+        int saved = errno;
+        close(fd);
+        unlink(temp.c_str());
+        return fail(error, temp, saved);
     }
     if (close(fd) != 0) {
         int saved = errno;
@@ -178,6 +172,22 @@ bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
         int saved = errno;
         unlink(temp.c_str());
         return fail(error, path, saved);
+    }
+    return true;
+}
+
+bool writeAll(int fd, std::span<const uint8_t> bytes) {
+    const uint8_t* next = bytes.data();
+    size_t left = bytes.size();
+    while (left > 0) {
+        ssize_t n = write(fd, next, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            return false;
+        }
+        next += n;
+        left -= size_t(n);
     }
     return true;
 }

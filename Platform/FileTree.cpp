@@ -18,17 +18,6 @@ bool fail(Error* error, const std::string& path, int code = errno) {
     return false;
 }
 
-bool writeAll(int fd, const char* bytes, size_t size) {
-    while (size > 0) {
-        ssize_t n = write(fd, bytes, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        bytes += n;
-        size -= size_t(n);
-    }
-    return true;
-}
-
 bool copyRegularFile(const std::string& source, const std::string& destination, mode_t mode, Error* error) {
     int in = open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (in < 0) return fail(error, source);
@@ -61,7 +50,7 @@ bool appendRange(int inFd, uint64_t offset, uint64_t length, int outFd) {
         ssize_t n = pread(inFd, buffer.data(), std::min<uint64_t>(length, buffer.size()), position);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return n == 0 ? (errno = EIO, false) : false;
-        if (!writeAll(outFd, buffer.data(), size_t(n))) return false;
+        if (!writeAll(outFd, std::span(reinterpret_cast<const uint8_t*>(buffer.data()), size_t(n)))) return false;
         position += n;
         length -= uint64_t(n);
     }
@@ -71,7 +60,7 @@ bool appendRange(int inFd, uint64_t offset, uint64_t length, int outFd) {
 bool writeFile(const std::string& path, std::span<const uint8_t> bytes, Error* error) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0) return fail(error, path);
-    bool ok = writeAll(fd, reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    bool ok = writeAll(fd, bytes);
     int saved = errno;
     ok = (close(fd) == 0) && ok;
     return ok || fail(error, path, saved);

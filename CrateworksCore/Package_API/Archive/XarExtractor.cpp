@@ -13,6 +13,7 @@
 #include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/XarLimits.h"
 #include "Platform/Digest.h"
+#include "Platform/FileSystem.h"
 #include "Platform/Log.h"
 
 namespace crateworks::xar {
@@ -20,17 +21,6 @@ namespace crateworks::xar {
 namespace {
 // Files are handed to the two writing threads in runs of this many entries.
 constexpr size_t kFilesPerRun = 8;
-
-bool writeAll(int fd, const uint8_t* bytes, size_t size) {
-    while (size > 0) {
-        ssize_t n = write(fd, bytes, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        bytes += n;
-        size -= size_t(n);
-    }
-    return true;
-}
 
 bool isRegular(File file) { return file->type == "file" || (file->type == "hardlink" && file->data); }
 
@@ -88,7 +78,7 @@ bool XarExtractor::_streamFile(File file, const std::string& relativePath, platf
     };
     auto write = [&](std::span<const uint8_t> bytes) {
         extracted.update(bytes);
-        writeFailed = !writeAll(pending->fd, bytes.data(), bytes.size());
+        writeFailed = !platform::fs::writeAll(pending->fd, bytes);
         return !writeFailed;
     };
     bool ok = decodeStream(d.encoding, d.size, read, write);

@@ -47,18 +47,6 @@ bool readAt(int fd, uint8_t* out, uint64_t length, uint64_t offset) {
     return true;
 }
 
-bool writeAll(int fd, const void* bytes, size_t size) {
-    auto* p = static_cast<const char*>(bytes);
-    while (size > 0) {
-        ssize_t n = write(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= size_t(n);
-    }
-    return true;
-}
-
 // Whether [offset, offset + length) lies inside [0, limit), without wrapping.
 bool inBounds(uint64_t offset, uint64_t length, uint64_t limit) { return offset <= limit && length <= limit - offset; }
 
@@ -523,7 +511,8 @@ int XarHandle::_write() {
         name.resize(kNamedAlgorithmLength, '\0');
         header += name;
     }
-    if (!writeAll(fd_, header.data(), header.size()) || !writeAll(fd_, compressed.data(), compressed.size()))
+    if (!platform::fs::writeAll(fd_, std::span(reinterpret_cast<const uint8_t*>(header.data()), header.size())) ||
+        !platform::fs::writeAll(fd_, compressed))
         return -1;
     return platform::fs::appendRange(heapFd_, 0, heapEnd, fd_) ? 0 : -1;
 }
