@@ -42,10 +42,14 @@ std::optional<SigningOptions> parseOptions(const std::vector<std::string>& args)
         }
         if (i + 1 >= args.size()) return std::nullopt;
         const std::string& value = args[++i];
-        if (arg == "--key") options.keyPath = value;
-        else if (arg == "--cert") options.certificatePaths.push_back(value);
-        else if (arg == "--date") options.date = value;
-        else options.identifier = value;
+        if (arg == "--key")
+            options.keyPath = value;
+        else if (arg == "--cert")
+            options.certificatePaths.push_back(value);
+        else if (arg == "--date")
+            options.date = value;
+        else
+            options.identifier = value;
     }
     if (!options.keyPath || options.certificatePaths.empty()) return std::nullopt;
     return options;
@@ -117,14 +121,17 @@ int signArchive(const std::string& input, const std::string& output, const Ident
         return keyMatches ? signature : std::nullopt;
     };
     auto index = target->signatureAdd("RSA", identity.key->signatureSize(), sign);
-    for (const auto& certificate : identity.certificates) target->signatureAddX509Certificate(*index, certificate->der());
+    for (const auto& certificate : identity.certificates)
+        target->signatureAddX509Certificate(*index, certificate->der());
     target->setCreationTime(created);
     bool copied = copyEntries(*source, *target);
     bool written = target->close() == 0;
     if (copied && written) return 0;
     platform::fs::removeItem(output);
-    if (!keyMatches) fmt::print(stderr, "crateworks xar sign: the key does not belong to the signing certificate\n");
-    else fmt::print(stderr, "crateworks xar sign: cannot write {}\n", output);
+    if (!keyMatches)
+        fmt::print(stderr, "crateworks xar sign: the key does not belong to the signing certificate\n");
+    else
+        fmt::print(stderr, "crateworks xar sign: cannot write {}\n", output);
     return 1;
 }
 

@@ -38,7 +38,8 @@ std::map<std::string, std::string> sealedItems(const std::string& directory) {
 // SHA-256 of a file's bytes, or of a link's target text; absent when unreadable.
 std::optional<Data> sealOf(const std::string& path) {
     if (auto target = fs::readSymbolicLink(path))
-        return digest::compute(digest::Algorithm::SHA256, {reinterpret_cast<const uint8_t*>(target->data()), target->size()});
+        return digest::compute(digest::Algorithm::SHA256,
+                               {reinterpret_cast<const uint8_t*>(target->data()), target->size()});
     Dictionary attributes;
     auto bytes = fs::readRegularFileNoFollow(path, &attributes);
     if (!bytes) return std::nullopt;
@@ -62,7 +63,8 @@ CertificateList signerFirst(CMS_ContentInfo* cms) {
     CertificateList ordered;
     detail::X509StackPtr stored(CMS_get1_certs(cms));
     STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms);
-    CMS_SignerInfo* signer = signers && sk_CMS_SignerInfo_num(signers) > 0 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
+    CMS_SignerInfo* signer =
+        signers && sk_CMS_SignerInfo_num(signers) > 0 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
     int leaf = -1;
     for (int i = 0; stored && signer && i < sk_X509_num(stored.get()); ++i)
         if (CMS_SignerInfo_cert_cmp(signer, sk_X509_value(stored.get(), i)) == 0) {
@@ -108,7 +110,8 @@ int64_t StaticCode::checkValidity(uint32_t flags) const {
     auto content = detail::memoryBIO(*resourcesBytes);
     detail::StorePtr store(X509_STORE_new());
     if (!cms || !content || !store ||
-        CMS_verify(cms.get(), nullptr, store.get(), content.get(), nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1)
+        CMS_verify(cms.get(), nullptr, store.get(), content.get(), nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) !=
+            1)
         return kStatusCodeSignatureInvalid;
     if (flags & kValidityDoNotValidateResources) return 0;
     auto resources = plist::readBytes(*resourcesBytes);
@@ -156,8 +159,8 @@ bool signDirectory(const std::string& directory, const std::string& identifier, 
         sk_X509_push(extra.get(), certificates[i]->native());
     }
     auto content = detail::memoryBIO(resources);
-    detail::CMSPtr cms(CMS_sign(certificates[0]->native(), key.native(), extra.get(), content.get(),
-                                CMS_DETACHED | CMS_BINARY));
+    detail::CMSPtr cms(
+        CMS_sign(certificates[0]->native(), key.native(), extra.get(), content.get(), CMS_DETACHED | CMS_BINARY));
     unsigned char* der = nullptr;
     int length = cms ? i2d_CMS_ContentInfo(cms.get(), &der) : -1;
     if (length <= 0) {

@@ -29,8 +29,7 @@ std::optional<Data> PrivateKey::signRSASHA1Digest(std::span<const uint8_t> diges
     if (!isRSA() || digest.size() != 20) return std::nullopt;
     detail::EVPKeyCtxPtr ctx(EVP_PKEY_CTX_new(key_, nullptr));
     size_t length = 0;
-    if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+    if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
         EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha1()) != 1 ||
         EVP_PKEY_sign(ctx.get(), nullptr, &length, digest.data(), digest.size()) != 1)
         return std::nullopt;

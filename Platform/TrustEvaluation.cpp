@@ -24,10 +24,8 @@ int32_t resultForVerifyError(int error) {
     case X509_V_ERR_ERROR_IN_CERT_NOT_AFTER_FIELD:
     case X509_V_ERR_INVALID_EXTENSION:
     case X509_V_ERR_UNSUPPORTED_SIGNATURE_ALGORITHM:
-    case X509_V_ERR_SIGNATURE_ALGORITHM_MISMATCH:
-        return kTrustResultFatalTrustFailure;
-    default:
-        return kTrustResultRecoverableTrustFailure;
+    case X509_V_ERR_SIGNATURE_ALGORITHM_MISMATCH: return kTrustResultFatalTrustFailure;
+    default: return kTrustResultRecoverableTrustFailure;
     }
 }
 

@@ -30,8 +30,7 @@ const Oid& developmentSignedExtensionOID() {
 
 std::shared_ptr<TrustPolicy> TrustPolicy::search(uint32_t certificateType, const Oid& oid) {
     if (certificateType != kCertificateTypeX509v3) return nullptr;
-    if (oid == basicX509PolicyOID())
-        return std::shared_ptr<TrustPolicy>(new TrustPolicy(oid, Kind::BasicX509));
+    if (oid == basicX509PolicyOID()) return std::shared_ptr<TrustPolicy>(new TrustPolicy(oid, Kind::BasicX509));
     if (oid == softwareUpdateSigningPolicyOID())
         return std::shared_ptr<TrustPolicy>(new TrustPolicy(oid, Kind::SoftwareUpdateSigning));
     return nullptr;

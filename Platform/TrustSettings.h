@@ -32,8 +32,8 @@ inline constexpr int64_t kTrustSettingsResultDeny = 3;
 inline constexpr int64_t kTrustSettingsResultUnspecified = 4;
 
 struct TrustSetting {
-    std::optional<Oid> policy;     // absent when the entry names none, or none that parses
-    bool namesPolicy = false;      // the entry has a "Policy" at all
+    std::optional<Oid> policy;      // absent when the entry names none, or none that parses
+    bool namesPolicy = false;       // the entry has a "Policy" at all
     std::optional<int64_t> result;  // absent when the entry gives none
 };
 

@@ -49,30 +49,32 @@ void addNullExtension(X509* certificate, const std::string& oid) {
     ASN1_OBJECT_free(object);
 }
 
-X509_NAME* makeName(const CertificateSpec& spec) {
+X509_NAME* makeName(const CertificateProfile& profile) {
     X509_NAME* name = X509_NAME_new();
     auto add = [&](const char* field, const std::string& value) {
         X509_NAME_add_entry_by_txt(name, field, MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(value.c_str()),
                                    -1, -1, 0);
     };
-    if (!spec.organization.empty()) add("O", spec.organization);
-    add("CN", spec.commonName);
+    if (!profile.organization.empty()) add("O", profile.organization);
+    add("CN", profile.commonName);
     return name;
 }
 
-void addExtensions(X509* certificate, X509* issuer, const CertificateSpec& spec) {
+void addExtensions(X509* certificate, X509* issuer, const CertificateProfile& profile) {
     X509V3_CTX ctx;
     X509V3_set_ctx(&ctx, issuer ? issuer : certificate, certificate, nullptr, nullptr, 0);
-    if (spec.basicConstraints) addExtension(certificate, &ctx, NID_basic_constraints, spec.isCA ? "critical,CA:TRUE" : "CA:FALSE");
-    addExtension(certificate, &ctx, NID_key_usage, spec.isCA ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature");
+    if (profile.basicConstraints)
+        addExtension(certificate, &ctx, NID_basic_constraints, profile.isCA ? "critical,CA:TRUE" : "CA:FALSE");
+    addExtension(certificate, &ctx, NID_key_usage,
+                 profile.isCA ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature");
     addExtension(certificate, &ctx, NID_subject_key_identifier, "hash");
     if (issuer) addExtension(certificate, &ctx, NID_authority_key_identifier, "keyid");
-    if (!spec.extendedKeyUsage.empty()) {
+    if (!profile.extendedKeyUsage.empty()) {
         std::string list;
-        for (const auto& purpose : spec.extendedKeyUsage) list += (list.empty() ? "" : ",") + purpose;
+        for (const auto& purpose : profile.extendedKeyUsage) list += (list.empty() ? "" : ",") + purpose;
         addExtension(certificate, &ctx, NID_ext_key_usage, list);
     }
-    for (const auto& oid : spec.extensions) addNullExtension(certificate, oid);
+    for (const auto& oid : profile.extensions) addNullExtension(certificate, oid);
 }
 
 TestCertificate finish(X509* certificate, const Key& key) {
@@ -91,15 +93,15 @@ TestCertificate finish(X509* certificate, const Key& key) {
     return out;
 }
 
-TestCertificate make(const CertificateSpec& spec, const Key& key, const TestCertificate* issuer) {
+TestCertificate make(const CertificateProfile& profile, const Key& key, const TestCertificate* issuer) {
     static long serial = 1000;
     X509* certificate = X509_new();
     X509_set_version(certificate, 2);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate), ++serial);
     time_t now = time(nullptr);
-    X509_time_adj_ex(X509_getm_notBefore(certificate), 0, spec.notBeforeOffset, &now);
-    X509_time_adj_ex(X509_getm_notAfter(certificate), 0, spec.notAfterOffset, &now);
-    X509_NAME* name = makeName(spec);
+    X509_time_adj_ex(X509_getm_notBefore(certificate), 0, profile.notBeforeOffset, &now);
+    X509_time_adj_ex(X509_getm_notAfter(certificate), 0, profile.notAfterOffset, &now);
+    X509_NAME* name = makeName(profile);
     X509_set_subject_name(certificate, name);
     X509* issuerX509 = nullptr;
     if (issuer) {
@@ -111,7 +113,7 @@ TestCertificate make(const CertificateSpec& spec, const Key& key, const TestCert
     }
     X509_NAME_free(name);
     X509_set_pubkey(certificate, key.native());
-    addExtensions(certificate, issuerX509, spec);
+    addExtensions(certificate, issuerX509, profile);
     EVP_PKEY* signer = issuer ? issuer->key.native() : key.native();
     if (X509_sign(certificate, signer, EVP_sha256()) <= 0) fail("cannot sign a certificate");
     X509_free(issuerX509);
@@ -184,61 +186,62 @@ std::string TestCertificate::pem() const {
 void TestCertificate::writePEM(const std::string& path) const { writeText(path, pem()); }
 void TestCertificate::writeDER(const std::string& path) const { writeText(path, std::string(der.begin(), der.end())); }
 
-TestCertificate selfSigned(const CertificateSpec& spec, const Key& key) { return make(spec, key, nullptr); }
-TestCertificate issue(const CertificateSpec& spec, const Key& key, const TestCertificate& issuer) {
-    return make(spec, key, &issuer);
+TestCertificate selfSigned(const CertificateProfile& profile, const Key& key) { return make(profile, key, nullptr); }
+TestCertificate issue(const CertificateProfile& profile, const Key& key, const TestCertificate& issuer) {
+    return make(profile, key, &issuer);
 }
 
-CertificateSpec authoritySpec(const std::string& commonName) {
-    CertificateSpec spec;
-    spec.commonName = commonName;
-    spec.isCA = true;
-    spec.notBeforeOffset = -10L * 365 * 86400;
-    spec.notAfterOffset = 10L * 365 * 86400;
-    return spec;
+CertificateProfile authorityProfile(const std::string& commonName) {
+    CertificateProfile profile;
+    profile.commonName = commonName;
+    profile.isCA = true;
+    profile.notBeforeOffset = -10L * 365 * 86400;
+    profile.notAfterOffset = 10L * 365 * 86400;
+    return profile;
 }
 
-CertificateSpec makerLeafSpec(MakerLeafKind kind, const std::string& commonName) {
-    CertificateSpec spec;
-    spec.commonName = commonName;
+CertificateProfile makerLeafProfile(MakerLeafKind kind, const std::string& commonName) {
+    CertificateProfile profile;
+    profile.commonName = commonName;
     switch (kind) {
-    case MakerLeafKind::SoftwareUpdate: spec.extendedKeyUsage = {vendor(".100.4.1")}; break;
+    case MakerLeafKind::SoftwareUpdate: profile.extendedKeyUsage = {vendor(".100.4.1")}; break;
     case MakerLeafKind::SoftwareUpdateDevelopment:
-        spec.extendedKeyUsage = {vendor(".100.4.1")};
-        spec.extensions = {vendor(".100.6.1.99")};
+        profile.extendedKeyUsage = {vendor(".100.4.1")};
+        profile.extensions = {vendor(".100.6.1.99")};
         break;
     case MakerLeafKind::Distribution:
-        spec.extendedKeyUsage = {vendor(".100.4.10")};
-        spec.extensions = {vendor(".100.6.1.10")};
+        profile.extendedKeyUsage = {vendor(".100.4.10")};
+        profile.extensions = {vendor(".100.6.1.10")};
         break;
     case MakerLeafKind::DistributionDevelopment:
-        spec.extendedKeyUsage = {vendor(".100.4.10")};
-        spec.extensions = {vendor(".100.6.1.10.1")};
+        profile.extendedKeyUsage = {vendor(".100.4.10")};
+        profile.extensions = {vendor(".100.6.1.10.1")};
         break;
     case MakerLeafKind::Developer:
-        spec.extendedKeyUsage = {vendor(".100.4.9")};
-        spec.extensions = {vendor(".100.6.1.8")};
+        profile.extendedKeyUsage = {vendor(".100.4.9")};
+        profile.extensions = {vendor(".100.6.1.8")};
         break;
     }
-    return spec;
+    return profile;
 }
 
-Chain chainWithLeaf(const CertificateSpec& leafSpec, const std::string& rootName, int firstKey) {
+Chain chainWithLeaf(const CertificateProfile& leafProfile, const std::string& rootName, int firstKey) {
     Chain chain;
-    chain.root = selfSigned(authoritySpec(rootName), Key::pooled(firstKey));
-    chain.intermediate = issue(authoritySpec(rootName + " Intermediate"), Key::pooled(firstKey + 1), chain.root);
-    chain.leaf = issue(leafSpec, Key::pooled(firstKey + 2), chain.intermediate);
+    chain.root = selfSigned(authorityProfile(rootName), Key::pooled(firstKey));
+    chain.intermediate = issue(authorityProfile(rootName + " Intermediate"), Key::pooled(firstKey + 1), chain.root);
+    chain.leaf = issue(leafProfile, Key::pooled(firstKey + 2), chain.intermediate);
     return chain;
 }
 
 Chain makerChain(MakerLeafKind kind, int firstKey) {
-    return chainWithLeaf(makerLeafSpec(kind), "Quarn Test Root", firstKey);
+    return chainWithLeaf(makerLeafProfile(kind), "Quarn Test Root", firstKey);
 }
 
 void writeTrustSettings(const std::string& path, const std::vector<TrustSettingsCertificate>& certificates) {
     platform::Array entries;
     for (const auto& c : certificates)
-        entries.push_back(platform::Dictionary{{"Certificate", c.certificate.der}, {"Settings", settingsArray(c.settings)}});
+        entries.push_back(
+            platform::Dictionary{{"Certificate", c.certificate.der}, {"Settings", settingsArray(c.settings)}});
     if (!platform::plist::writeXMLFile(platform::Dictionary{{"Certificates", std::move(entries)}}, path))
         fail("cannot write " + path);
 }
@@ -265,8 +268,10 @@ TrustEnvironment::TrustEnvironment(const std::string& directory)
 
 TrustEnvironment::~TrustEnvironment() {
     for (const auto& [name, value] : saved_) {
-        if (value) setenv(name.c_str(), value->c_str(), 1);
-        else unsetenv(name.c_str());
+        if (value)
+            setenv(name.c_str(), value->c_str(), 1);
+        else
+            unsetenv(name.c_str());
     }
     platform::security::setMakerRootCertificateOverride(std::nullopt);
 }

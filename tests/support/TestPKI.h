@@ -42,7 +42,7 @@ private:
     std::shared_ptr<evp_pkey_st> key_;
 };
 
-struct CertificateSpec {
+struct CertificateProfile {
     std::string commonName = "Test Certificate";
     std::string organization = "Quarn Test";
     bool isCA = false;
@@ -68,11 +68,11 @@ public:
     void writeDER(const std::string& path) const;
 };
 
-TestCertificate selfSigned(const CertificateSpec& spec, const Key& key);
-TestCertificate issue(const CertificateSpec& spec, const Key& key, const TestCertificate& issuer);
+TestCertificate selfSigned(const CertificateProfile& profile, const Key& key);
+TestCertificate issue(const CertificateProfile& profile, const Key& key, const TestCertificate& issuer);
 
-// A CA specification: basic constraints CA:TRUE, keyCertSign, valid ten years each way.
-CertificateSpec authoritySpec(const std::string& commonName);
+// A CA profile: basic constraints CA:TRUE, keyCertSign, valid ten years each way.
+CertificateProfile authorityProfile(const std::string& commonName);
 
 enum class MakerLeafKind {
     SoftwareUpdate,             // EKU .100.4.1                          → 501
@@ -81,7 +81,7 @@ enum class MakerLeafKind {
     DistributionDevelopment,    // EKU .100.4.10, extension .100.6.1.10.1 → 400
     Developer,                  // EKU .100.4.9, extension .100.6.1.8    → 301
 };
-CertificateSpec makerLeafSpec(MakerLeafKind kind, const std::string& commonName = "Quarn Test Leaf");
+CertificateProfile makerLeafProfile(MakerLeafKind kind, const std::string& commonName = "Quarn Test Leaf");
 
 struct Chain {
     TestCertificate root;
@@ -92,7 +92,7 @@ struct Chain {
 };
 // Root, intermediate and leaf from pooled keys `firstKey` .. `firstKey` + 2.
 Chain makerChain(MakerLeafKind kind, int firstKey = 0);
-Chain chainWithLeaf(const CertificateSpec& leafSpec, const std::string& rootName, int firstKey = 0);
+Chain chainWithLeaf(const CertificateProfile& leafProfile, const std::string& rootName, int firstKey = 0);
 
 // Constructors rather than aggregates, so that nested braces cannot be read two ways.
 struct TrustSettingEntry {

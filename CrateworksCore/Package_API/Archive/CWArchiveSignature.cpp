@@ -51,7 +51,8 @@ bool CWArchiveSignature::_verifyLegacyWithSignedData(const std::optional<platfor
     if (!status) return false;
     if (*status == 0) return true;
     platform::Dictionary info;
-    if (auto message = platform::security::messageForStatus(*status)) info.set(platform::kErrorDescriptionKey, *message);
+    if (auto message = platform::security::messageForStatus(*status))
+        info.set(platform::kErrorDescriptionKey, *message);
     platform::setError(error, platform::security::kOSStatusErrorDomain, *status, std::move(info));
     return false;
 }

@@ -43,7 +43,8 @@ std::optional<CertificateList> CWXARArchiveSignature::certificateRefs() {
     return certificates;
 }
 
-std::optional<platform::Data> CWXARArchiveSignature::signedDataReturningAlgorithm(std::optional<std::string>* algorithm) {
+std::optional<platform::Data> CWXARArchiveSignature::signedDataReturningAlgorithm(
+    std::optional<std::string>* algorithm) {
     if (algorithm) *algorithm = algorithmType();
     return _signedData;
 }

@@ -13,7 +13,8 @@ namespace security = platform::security;
 using security::TrustSettingsDomain;
 
 std::shared_ptr<CWTrust> CWTrust::initWithCertificates(const security::CertificateList& certificates,
-                                                       bool usingQuarnRoot, std::optional<platform::Date> signatureDate) {
+                                                       bool usingQuarnRoot,
+                                                       std::optional<platform::Date> signatureDate) {
     if (certificates.empty()) return nullptr;
     auto trust = security::Trust::create(certificates, nullptr);
     if (!trust) return nullptr;
@@ -147,9 +148,12 @@ bool CWTrust::_passesMakerRootLadder() {
 
 void CWTrust::_setDomainLevel() {
     auto anchor = _anchorCertificateFromEvaluation();
-    if (_isTrustedAsRootCertificate(anchor, TrustSettingsDomain::System)) _trustLevel = CWTrustLevelSystemDomain;
-    else if (_isTrustedAsRootCertificate(anchor, TrustSettingsDomain::Admin)) _trustLevel = CWTrustLevelAdminDomain;
-    else if (_isTrustedAsRootCertificate(anchor, TrustSettingsDomain::User)) _trustLevel = CWTrustLevelUserDomain;
+    if (_isTrustedAsRootCertificate(anchor, TrustSettingsDomain::System))
+        _trustLevel = CWTrustLevelSystemDomain;
+    else if (_isTrustedAsRootCertificate(anchor, TrustSettingsDomain::Admin))
+        _trustLevel = CWTrustLevelAdminDomain;
+    else if (_isTrustedAsRootCertificate(anchor, TrustSettingsDomain::User))
+        _trustLevel = CWTrustLevelUserDomain;
 }
 
 bool CWTrust::evaluateTrustReturningError(platform::Error* error) {

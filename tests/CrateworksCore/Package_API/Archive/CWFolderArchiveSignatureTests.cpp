@@ -92,8 +92,8 @@ TEST_F(FolderSignature, ASignedFolderCarriesItsIdentifierChainAndSeal) {
     EXPECT_EQ("com.quarn.thing", *plist->findString("Identifier"));
     const platform::Dictionary* files = plist->findDictionary("Files");
     ASSERT_TRUE(files);
-    EXPECT_EQ((std::vector<std::string>{"Contents/Info.plist", "Contents/Resources/a.txt", "Contents/Resources/sub/b.bin",
-                                        "Contents/link"}),
+    EXPECT_EQ((std::vector<std::string>{"Contents/Info.plist", "Contents/Resources/a.txt",
+                                        "Contents/Resources/sub/b.bin", "Contents/link"}),
               files->keys());
     std::string sum = testsupport::runCommand("sha256sum " + shellQuote(folder + "/Contents/Resources/sub/b.bin"));
     EXPECT_EQ(sum.substr(0, 64), platform::digest::hex(*files->find("Contents/Resources/sub/b.bin")->data()));
@@ -151,8 +151,8 @@ TEST_F(FolderSignature, AChangedSealFailsBothChecks) {
 
     // A seal that names a path outside the folder is refused, not followed.
     testsupport::writeFile(tmp / "outside.txt", "outside\n");
-    platform::Dictionary files{{"../outside.txt", platform::digest::compute(platform::digest::Algorithm::SHA256,
-                                                                             platform::Data{'o'})}};
+    platform::Dictionary files{
+        {"../outside.txt", platform::digest::compute(platform::digest::Algorithm::SHA256, platform::Data{'o'})}};
     ASSERT_TRUE(platform::plist::writeXMLFile(platform::Dictionary{{"Identifier", "x"}, {"Files", files}}, resources));
     EXPECT_EQ(security::kStatusCodeSignatureInvalid, checks().first);
 }

@@ -34,7 +34,8 @@ protected:
         env.setMakerRoot(chain.root);
         xartest::makeSampleTree(tmp / "src");
         int status = -1;
-        std::string out = runTool("xar create " + shellQuote(tmp / "plain.xar") + " " + shellQuote(tmp / "src"), &status);
+        std::string out =
+            runTool("xar create " + shellQuote(tmp / "plain.xar") + " " + shellQuote(tmp / "src"), &status);
         ASSERT_EQ(0, status) << out;
         chain.leaf.key.writePEM(tmp / "leaf.key");
         chain.leaf.writePEM(tmp / "leaf.pem");
@@ -65,7 +66,8 @@ TEST(ArchiveSignature, TheBaseClassIsAbstract) {
     };
     raisesFor([&] { bare.certificateRefs(); }, "-[CWArchiveSignature certificateRefs]");
     raisesFor([&] { bare.algorithmType(); }, "-[CWArchiveSignature algorithmType]");
-    raisesFor([&] { bare.signedDataReturningAlgorithm(nullptr); }, "-[CWArchiveSignature signedDataReturningAlgorithm:]");
+    raisesFor([&] { bare.signedDataReturningAlgorithm(nullptr); },
+              "-[CWArchiveSignature signedDataReturningAlgorithm:]");
     raisesFor([&] { bare.signatureDataReturningAlgorithm(nullptr); },
               "-[CWArchiveSignature signatureDataReturningAlgorithm:]");
     EXPECT_FALSE(bare._hasSigningCertificate(nullptr));
@@ -97,17 +99,18 @@ TEST_F(XARSignature, CarriesTheChainTheChecksumAndAnRSASignatureOverIt) {
     testsupport::writeFile(tmp / "checksum.bin", std::string(signedData->begin(), signedData->end()));
     testsupport::writeFile(tmp / "signature.bin", std::string(signatureData->begin(), signatureData->end()));
     int status = -1;
-    std::string out = testsupport::runCommand(
-        "openssl pkeyutl -verify -certin -inkey " + shellQuote(tmp / "leaf.pem") + " -pkeyopt digest:sha1 -in " +
-            shellQuote(tmp / "checksum.bin") + " -sigfile " + shellQuote(tmp / "signature.bin") + " 2>&1",
-        &status);
+    std::string out = testsupport::runCommand("openssl pkeyutl -verify -certin -inkey " + shellQuote(tmp / "leaf.pem") +
+                                                  " -pkeyopt digest:sha1 -in " + shellQuote(tmp / "checksum.bin") +
+                                                  " -sigfile " + shellQuote(tmp / "signature.bin") + " 2>&1",
+                                              &status);
     EXPECT_EQ(0, status) << out;
 
     EXPECT_TRUE(signature->_hasSigningCertificate(platform::security::Certificate::fromData(chain.leaf.der)));
     EXPECT_FALSE(signature->_hasSigningCertificate(platform::security::Certificate::fromData(chain.intermediate.der)));
     EXPECT_FALSE(signature->_hasSigningCertificate(nullptr));
-    EXPECT_EQ("CWXARArchiveSignature type RSA with certificates:\n - Quarn Test Leaf\n - Quarn Test Root Intermediate\n",
-              signature->description());
+    EXPECT_EQ(
+        "CWXARArchiveSignature type RSA with certificates:\n - Quarn Test Leaf\n - Quarn Test Root Intermediate\n",
+        signature->description());
 }
 
 TEST_F(XARSignature, ASignedArchiveIsAnOrdinaryArchiveStill) {
@@ -196,8 +199,8 @@ TEST_F(XARSignature, ASignatureLongerThanTheHeapIsNoSignature) {
 }
 
 TEST_F(XARSignature, TheSignatureTakesTheKeysModulusLength) {
-    auto leaf = testpki::issue(testpki::makerLeafSpec(testpki::MakerLeafKind::SoftwareUpdate), testpki::Key::generate(3072),
-                               chain.intermediate);
+    auto leaf = testpki::issue(testpki::makerLeafProfile(testpki::MakerLeafKind::SoftwareUpdate),
+                               testpki::Key::generate(3072), chain.intermediate);
     leaf.key.writePEM(tmp / "big.key");
     leaf.writePEM(tmp / "big.pem");
     int status = -1;

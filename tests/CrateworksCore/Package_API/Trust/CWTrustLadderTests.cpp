@@ -27,7 +27,7 @@ protected:
         return trusttest::levelOf(trusttest::signArchive(tmp.path(), plain, chain, date));
     }
     // A leaf under a root that is nobody's anchor until the test makes it one.
-    testpki::Chain ordinaryChain(const std::string& rootName, testpki::CertificateSpec leaf = {}) {
+    testpki::Chain ordinaryChain(const std::string& rootName, testpki::CertificateProfile leaf = {}) {
         return testpki::chainWithLeaf(leaf, rootName, 3);
     }
 };
@@ -56,7 +56,7 @@ TEST_F(TrustLadder, MakerRootLevelsFollowTheLeafsPurposeAndMarking) {
 TEST_F(TrustLadder, AMakerChainIsNotTrustedWithoutTheMakersRoot) {
     auto chain = testpki::makerChain(MakerLeafKind::SoftwareUpdate);
     // The built-in root (or one of another maker) does not anchor the test chain.
-    env.setMakerRoot(testpki::selfSigned(testpki::authoritySpec("Someone Else"), testpki::Key::pooled(6)));
+    env.setMakerRoot(testpki::selfSigned(testpki::authorityProfile("Someone Else"), testpki::Key::pooled(6)));
     EXPECT_EQ(CWTrustLevelNotTrusted, levelFor(chain));
 }
 
@@ -83,7 +83,7 @@ TEST_F(TrustLadder, DomainLevelsFollowWhereTheAnchorIsTrusted) {
 }
 
 TEST_F(TrustLadder, ALeafThatExpiredAfterSigningIsTrustedAtTheSigningDateOnly) {
-    testpki::CertificateSpec leaf;
+    testpki::CertificateProfile leaf;
     leaf.notBeforeOffset = -3 * kYear;
     leaf.notAfterOffset = -kYear;
     auto chain = ordinaryChain("Expiry Test Root", leaf);
@@ -107,7 +107,8 @@ TEST_F(TrustLadder, ALeafThatExpiredAfterSigningIsTrustedAtTheSigningDateOnly) {
     EXPECT_NEAR(platform::Date::now().secondsSince1970, trust->trustRef()->verifyDate().secondsSince1970, 60);
 
     // Signed when the leaf had already expired: not trusted at all.
-    std::string signedLate = trusttest::signArchive(tmp.path(), plain, chain, trusttest::isoFromNow(-kYear / 2), "late.xar");
+    std::string signedLate =
+        trusttest::signArchive(tmp.path(), plain, chain, trusttest::isoFromNow(-kYear / 2), "late.xar");
     EXPECT_EQ(CWTrustLevelNotTrusted, trusttest::levelOf(signedLate));
     // Without a signing date there is nothing to fall back on.
     auto undated = CWTrust::initWithCertificates(*signature->certificateRefs(), true, std::nullopt);
@@ -122,8 +123,8 @@ TEST_F(TrustLadder, AnUnknownRootIsSignedButNotTrusted) {
     EXPECT_EQ(CWTrustLevelNotTrusted, judgement.trustLevel);
     EXPECT_TRUE(judgement.passes);  // lowest accepted level 0
     auto archive = CWXARArchive::initForReadingFromPath(path);
-    auto trust = CWTrust::initWithCertificates(*archive->archiveSignatures()->front()->certificateRefs(), true,
-                                               std::nullopt);
+    auto trust =
+        CWTrust::initWithCertificates(*archive->archiveSignatures()->front()->certificateRefs(), true, std::nullopt);
     platform::Error error;
     EXPECT_FALSE(trust->evaluateTrustReturningError(&error));
     EXPECT_EQ(20, error.code);  // unable to get local issuer certificate
@@ -157,7 +158,7 @@ TEST_F(TrustLadder, UnsignedArchivesAndMissingArchivesAreNotSigned) {
 
 TEST_F(TrustLadder, NoPathReachesTheDevelopmentDeveloperLevel) {
     // A developer purpose with the distribution's development marking is no level of the maker's.
-    testpki::CertificateSpec leaf = testpki::makerLeafSpec(MakerLeafKind::Developer);
+    testpki::CertificateProfile leaf = testpki::makerLeafProfile(MakerLeafKind::Developer);
     leaf.extensions = {testpki::vendor(".100.6.1.10.1")};
     auto chain = testpki::chainWithLeaf(leaf, "Quarn Test Root");
     env.setMakerRoot(chain.root);
@@ -181,7 +182,7 @@ TEST(TrustLevelNames, EveryLevelHasItsNameAndNothingElseHasOne) {
 TEST(TrustCreation, EmptyListsAndNullTrustObjectsMakeNoTrust) {
     EXPECT_EQ(nullptr, CWTrust::initWithCertificates({}, true, std::nullopt));
     EXPECT_EQ(nullptr, CWTrust::initWithHostTrust(nullptr, false, std::nullopt));
-    auto leaf = testpki::selfSigned(testpki::authoritySpec("Lonely"), testpki::Key::pooled(0));
+    auto leaf = testpki::selfSigned(testpki::authorityProfile("Lonely"), testpki::Key::pooled(0));
     auto certificate = platform::security::Certificate::fromData(leaf.der);
     auto host = platform::security::Trust::create({certificate}, nullptr);
     auto trust = CWTrust::initWithHostTrust(host, false, std::nullopt);

@@ -15,7 +15,7 @@ using testsupport::TempDir;
 namespace {
 
 TEST(TrustBadInput, CertificatesThatDoNotParse) {
-    auto good = testpki::selfSigned(testpki::authoritySpec("Parse Test"), testpki::Key::pooled(0));
+    auto good = testpki::selfSigned(testpki::authorityProfile("Parse Test"), testpki::Key::pooled(0));
     EXPECT_FALSE(security::Certificate::fromData(platform::Data{}));
     EXPECT_FALSE(security::Certificate::fromData(platform::Data{0x30, 0x82, 0xff, 0xff, 0x01}));
     EXPECT_FALSE(security::Certificate::fromData(platform::Data(good.der.begin(), good.der.end() - 1)));
@@ -41,9 +41,9 @@ TEST(TrustBadInput, AChainOfAHundredCertificatesIsNotTrusted) {
     testpki::TrustEnvironment env(tmp.path());
     // One key throughout: only the length of the chain matters here.
     testpki::Key key = testpki::Key::pooled(0);
-    std::vector<testpki::TestCertificate> chain{testpki::selfSigned(testpki::authoritySpec("Link 0"), key)};
+    std::vector<testpki::TestCertificate> chain{testpki::selfSigned(testpki::authorityProfile("Link 0"), key)};
     for (int i = 1; i < 100; ++i)
-        chain.push_back(testpki::issue(testpki::authoritySpec("Link " + std::to_string(i)), key, chain.back()));
+        chain.push_back(testpki::issue(testpki::authorityProfile("Link " + std::to_string(i)), key, chain.back()));
     env.addSystemCA(chain.front());
     std::vector<testpki::TestCertificate> rest(chain.rbegin() + 1, chain.rend());
     std::string archive = trusttest::signArchive(tmp.path(), trusttest::makeArchive(tmp.path()), chain.back(), rest);

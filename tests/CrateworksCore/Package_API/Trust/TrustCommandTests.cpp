@@ -83,10 +83,11 @@ TEST_F(TrustCommand, SignedFoldersAreJudgedByTheirCodeSignature) {
     chain.intermediate.writePEM(tmp / "intermediate.pem");
     int status = -1;
     EXPECT_EQ("CWTrustLevelNotSigned\t100\n", runTool("trust " + shellQuote(tmp / "folder"), &status));
-    std::string out = runToolWithErrors("folder sign " + shellQuote(tmp / "folder") + " --identifier com.quarn.test" +
-                                            " --key " + shellQuote(tmp / "leaf.key") + " --cert " +
-                                            shellQuote(tmp / "leaf.pem") + " --cert " + shellQuote(tmp / "intermediate.pem"),
-                                        &status);
+    std::string out =
+        runToolWithErrors("folder sign " + shellQuote(tmp / "folder") + " --identifier com.quarn.test" + " --key " +
+                              shellQuote(tmp / "leaf.key") + " --cert " + shellQuote(tmp / "leaf.pem") + " --cert " +
+                              shellQuote(tmp / "intermediate.pem"),
+                          &status);
     ASSERT_EQ(0, status) << out;
     out = runTool("trust " + shellQuote(tmp / "folder"), &status);
     EXPECT_EQ(0u, out.find("CWTrustLevelQuarnDistributedProduction\t401\n")) << out;
@@ -113,9 +114,10 @@ TEST_F(TrustCommand, XarSignWritesTheDateAndRefusesBadIdentities) {
     testsupport::writeFile(tmp / "junk.pem", "-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n");
     std::string out = tmp / "out.xar";
     int status = -1;
-    std::string messages = runToolWithErrors("xar sign " + shellQuote(plain) + " " + shellQuote(out) + " --key " +
-                                                 shellQuote(tmp / "other.key") + " --cert " + shellQuote(tmp / "leaf.pem"),
-                                             &status);
+    std::string messages =
+        runToolWithErrors("xar sign " + shellQuote(plain) + " " + shellQuote(out) + " --key " +
+                              shellQuote(tmp / "other.key") + " --cert " + shellQuote(tmp / "leaf.pem"),
+                          &status);
     EXPECT_EQ(1, status);
     EXPECT_NE(std::string::npos, messages.find("does not belong")) << messages;
     EXPECT_FALSE(platform::fs::existsNoFollow(out));
@@ -124,11 +126,12 @@ TEST_F(TrustCommand, XarSignWritesTheDateAndRefusesBadIdentities) {
                                  &status);
     EXPECT_EQ(1, status);
     EXPECT_NE(std::string::npos, messages.find("junk.pem: not a certificate")) << messages;
-    runToolWithErrors("xar sign " + shellQuote(plain) + " " + shellQuote(out) + " --cert " + shellQuote(tmp / "leaf.pem"),
-                      &status);
+    runToolWithErrors(
+        "xar sign " + shellQuote(plain) + " " + shellQuote(out) + " --cert " + shellQuote(tmp / "leaf.pem"), &status);
     EXPECT_EQ(2, status);
-    runToolWithErrors("xar sign " + shellQuote(plain) + " " + shellQuote(out) + " --key " + shellQuote(tmp / "leaf.key") +
-                          " --cert " + shellQuote(tmp / "leaf.pem") + " --date yesterday",
+    runToolWithErrors("xar sign " + shellQuote(plain) + " " + shellQuote(out) + " --key " +
+                          shellQuote(tmp / "leaf.key") + " --cert " + shellQuote(tmp / "leaf.pem") +
+                          " --date yesterday",
                       &status);
     EXPECT_EQ(2, status);
     EXPECT_FALSE(platform::fs::existsNoFollow(out));

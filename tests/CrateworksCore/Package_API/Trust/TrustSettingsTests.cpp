@@ -116,17 +116,19 @@ TEST_F(TrustSettings, DamagedSettingsGrantNothing) {
     EXPECT_EQ(CWTrustLevelNotTrusted, trusttest::levelOf(archive));
 
     platform::Data der = chain.root.der;
-    auto write = [&](platform::Dictionary top) { ASSERT_TRUE(platform::plist::writeXMLFile(top, env.adminSettingsPath())); };
+    auto write = [&](platform::Dictionary top) {
+        ASSERT_TRUE(platform::plist::writeXMLFile(top, env.adminSettingsPath()));
+    };
     write({{"Certificates", platform::Dictionary{{"Certificate", der}}}});
     EXPECT_EQ(CWTrustLevelNotTrusted, trusttest::levelOf(archive));
     write({{"Certificates", platform::Array{platform::Dictionary{{"Certificate", der}, {"Settings", "all"}}}}});
     EXPECT_EQ(CWTrustLevelNotTrusted, trusttest::levelOf(archive));
-    write({{"Certificates", platform::Array{platform::Dictionary{{"Certificate", der},
-                                                                 {"Settings", platform::Array{"everything"}}}}}});
+    write({{"Certificates",
+            platform::Array{platform::Dictionary{{"Certificate", der}, {"Settings", platform::Array{"everything"}}}}}});
     EXPECT_EQ(CWTrustLevelNotTrusted, trusttest::levelOf(archive));
     write({{"Certificates",
-            platform::Array{platform::Dictionary{{"Certificate", der},
-                                                 {"Settings", platform::Array{platform::Dictionary{{"Result", "1"}}}}}}}});
+            platform::Array{platform::Dictionary{
+                {"Certificate", der}, {"Settings", platform::Array{platform::Dictionary{{"Result", "1"}}}}}}}});
     EXPECT_EQ(CWTrustLevelNotTrusted, trusttest::levelOf(archive));
 
     // A damaged entry spoils only itself.

@@ -61,6 +61,8 @@ crateworks::CWArchiveTrustJudgement judge(const std::string& path) {
 
 int32_t levelOf(const std::string& path) { return judge(path).trustLevel; }
 
-std::string isoFromNow(long seconds) { return platform::Date{platform::Date::now().secondsSince1970 + double(seconds)}.iso8601(); }
+std::string isoFromNow(long seconds) {
+    return platform::Date{platform::Date::now().secondsSince1970 + double(seconds)}.iso8601();
+}
 
 }  // namespace trusttest
