@@ -64,9 +64,7 @@ std::vector<std::string> Bundle::bundlePathsBelow(const std::string& directory) 
         if (!names) continue;
         for (const auto& name : *names) {
             std::string child = path::appendComponent(current, name);
-            auto attributes = fs::attributes(child);
-            auto* type = attributes ? attributes->findString(fs::kFileType) : nullptr;
-            if (!type || *type != fs::kFileTypeDirectory) continue;
+            if (!fs::isDirectoryNoFollow(child)) continue;
             if (isBundle(child))
                 found.push_back(std::move(child));
             else

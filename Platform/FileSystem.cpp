@@ -95,6 +95,17 @@ std::optional<Data> readRegularFileNoFollow(const std::string& path, Dictionary*
     return out;
 }
 
+const char* fileType(const std::string& path) {
+    struct stat st {};
+    if (path.empty() || lstat(path.c_str(), &st) != 0) return nullptr;
+    return fileTypeForMode(st.st_mode);
+}
+
+bool isDirectoryNoFollow(const std::string& path) {
+    struct stat st {};
+    return !path.empty() && lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 bool exists(const std::string& path, bool* isDirectory) {
     struct stat st {};
     if (path.empty() || stat(path.c_str(), &st) != 0) return false;

@@ -41,6 +41,13 @@ const char* fileTypeForMode(mode_t mode);
 // permission bits (mode & 07777). Absent when the item cannot be read.
 std::optional<Dictionary> attributes(const std::string& path, Error* error = nullptr);
 
+// The file type of the item itself (a final symbolic link not followed), one of the
+// kFileType... values; null when it cannot be read. Cheaper than attributes(): no
+// account names are looked up.
+const char* fileType(const std::string& path);
+// Whether the item itself (not a link's target) is a directory.
+bool isDirectoryNoFollow(const std::string& path);
+
 // Whether something exists at the path, following symbolic links; when it does and
 // `isDirectory` is given, whether it is a directory.
 bool exists(const std::string& path, bool* isDirectory = nullptr);

@@ -202,12 +202,6 @@ bool FHFindSystemFiles::_previousSystemsContainsUserData() {
 namespace {
 bool ignorableName(const std::string& name) { return name == ".DS_Store" || name == ".localized"; }
 
-bool isDirectoryNoFollow(const std::string& file) {
-    auto attributes = platform::fs::attributes(file);
-    auto* type = attributes ? attributes->findString(platform::fs::kFileType) : nullptr;
-    return type && *type == platform::fs::kFileTypeDirectory;
-}
-
 // Whether anything below the home folders of `users` has a name that is not ignorable.
 bool hasUserItemsBelowHomes(const std::string& directory, int depth) {
     auto names = platform::fs::contentsOfDirectory(directory);
@@ -215,7 +209,7 @@ bool hasUserItemsBelowHomes(const std::string& directory, int depth) {
     for (const auto& name : *names) {
         std::string child = path::appendComponent(directory, name);
         if (depth >= 2 && !ignorableName(name)) return true;
-        if (isDirectoryNoFollow(child) && hasUserItemsBelowHomes(child, depth + 1)) return true;
+        if (platform::fs::isDirectoryNoFollow(child) && hasUserItemsBelowHomes(child, depth + 1)) return true;
     }
     return false;
 }
@@ -223,7 +217,7 @@ bool hasUserItemsBelowHomes(const std::string& directory, int depth) {
 
 bool FHFindSystemFiles::_userDataInArchiveAtPath(const std::string& archive) {
     std::string full = path::appendComponent(_rootPath, archive);
-    if (isDirectoryNoFollow(full)) {
+    if (platform::fs::isDirectoryNoFollow(full)) {
         std::string users = path::appendComponent(full, "Users");
         if (!platform::fs::existsNoFollow(users)) return false;
         if (!hasUserItemsBelowHomes(users, 1)) return false;

@@ -11,11 +11,7 @@ namespace path = platform::path;
 namespace {
 
 // The item itself is a directory; a link on the analysed volume may point anywhere on the host.
-bool isFolder(const std::string& absolutePath) {
-    auto attributes = platform::fs::attributes(absolutePath);
-    auto* type = attributes ? attributes->findString(platform::fs::kFileType) : nullptr;
-    return type && *type == platform::fs::kFileTypeDirectory;
-}
+bool isFolder(const std::string& absolutePath) { return platform::fs::isDirectoryNoFollow(absolutePath); }
 
 std::vector<std::string> fields(const std::string& line) {
     std::vector<std::string> out;

@@ -248,9 +248,8 @@ std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedUserPathsWithParen
         if (!names || names->empty()) std::erase(result, std::string("/home"));
     }
     std::erase_if(result, [&](const std::string& p) {
-        auto attributes = platform::fs::attributes(path::appendComponent(_rootPath, p));
-        auto* type = attributes ? attributes->findString(platform::fs::kFileType) : nullptr;
-        return type && *type == platform::fs::kFileTypeSocket;
+        const char* type = platform::fs::fileType(path::appendComponent(_rootPath, p));
+        return type && std::string_view(type) == platform::fs::kFileTypeSocket;
     });
     std::sort(result.begin(), result.end());
     return result;

@@ -67,9 +67,7 @@ FHUserPathWalk::Step FHUserPathWalk::judge(const std::string& p) {
         return Step::Descend;
     }
     if (componentCount(p) >= 3 && searchChildrenOfPaths_.count(path::deletingLastComponent(p))) {
-        auto attributes = platform::fs::attributes(onVolume(p));
-        auto* type = attributes ? attributes->findString(platform::fs::kFileType) : nullptr;
-        if (type && *type == platform::fs::kFileTypeDirectory) return Step::Descend;
+        if (platform::fs::isDirectoryNoFollow(onVolume(p))) return Step::Descend;
     }
 
     // At most two neighbours of the sorted system paths are examined. A path sorting
