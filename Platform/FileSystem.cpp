@@ -1,5 +1,6 @@
 #include "Platform/FileSystem.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -209,6 +210,37 @@ bool removeItem(const std::string& path, Error* error) {
         if (rmdir(path.c_str()) == 0) return true;
     }
     return fail(error, path);
+}
+
+bool moveItem(const std::string& from, const std::string& to, Error* error) {
+    if (rename(from.c_str(), to.c_str()) == 0) return true;
+    return fail(error, to);
+}
+
+std::optional<uint64_t> fileSize(const std::string& path) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) return std::nullopt;
+    return uint64_t(st.st_size);
+}
+
+bool readInChunks(const std::string& path, size_t chunkSize,
+                  const std::function<bool(std::span<const uint8_t> chunk)>& consume, Error* error) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return fail(error, path);
+    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    std::vector<uint8_t> buffer(std::max<size_t>(chunkSize, 1));
+    for (;;) {
+        ssize_t n = read(fd, buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            int saved = errno;
+            close(fd);
+            return fail(error, path, saved);
+        }
+        if (n == 0 || !consume(std::span<const uint8_t>(buffer.data(), size_t(n)))) break;
+    }
+    close(fd);
+    return true;
 }
 
 bool createDirectories(const std::string& path, mode_t mode, Error* error) {

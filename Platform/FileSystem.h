@@ -2,6 +2,7 @@
 // The only code (with the other Platform files) that calls the operating system for files.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -74,6 +75,15 @@ bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
 bool writeAll(int fd, std::span<const uint8_t> bytes);
 
 bool removeItem(const std::string& path, Error* error = nullptr);  // unlink, or rmdir for a directory
+// rename(2): replaces an item at `to` (a symbolic link there is replaced, not followed).
+bool moveItem(const std::string& from, const std::string& to, Error* error = nullptr);
+// The size of the item itself (a final symbolic link not followed); absent when it cannot be read.
+std::optional<uint64_t> fileSize(const std::string& path);
+// Reads a file front to back in pieces of at most `chunkSize` bytes, reusing one buffer,
+// and hands each to `consume`, which answers false to stop early. False (with the error)
+// when the file cannot be opened or read; true at the end or when stopped.
+bool readInChunks(const std::string& path, size_t chunkSize,
+                  const std::function<bool(std::span<const uint8_t> chunk)>& consume, Error* error = nullptr);
 bool createDirectories(const std::string& path, mode_t mode = 0755, Error* error = nullptr);
 // lchown; ids of -1 leave that id alone.
 bool setOwner(const std::string& path, uid_t uid, gid_t gid, Error* error = nullptr);

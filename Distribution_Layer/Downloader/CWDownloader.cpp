@@ -1,0 +1,501 @@
+#include "Distribution_Layer/Downloader/CWDownloader.h"
+
+#include <fmt/format.h>
+#include <mutex>
+#include <thread>
+
+#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
+#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "Distribution_Layer/Downloader/CWURLDownload.h"
+#include "Platform/Digest.h"
+#include "Platform/DiskImageTool.h"
+#include "Platform/Exception.h"
+#include "Platform/FileSystem.h"
+#include "Platform/FileTree.h"
+#include "Platform/Log.h"
+#include "Platform/Path.h"
+#include "Platform/Process.h"
+#include "Platform/ThreadName.h"
+#include "Platform/URLErrors.h"
+#include "Platform/UserDefaults.h"
+
+namespace crateworks {
+
+namespace {
+
+constexpr double kIndicatorInterval = 0.5;
+constexpr size_t kChecksumChunkSize = 65536;
+// Codes of the post-copy size check, in the platform's general error domain.
+constexpr int64_t kCopySizeDiffersError = 259;
+constexpr int64_t kCopyNoAttributesError = 260;
+constexpr const char* kCheckThreadName = "com.quarn.Crateworks.CWDownloader.check";
+constexpr const char* kCopyThreadName = "com.quarn.Crateworks.CWDownloader.copy";
+
+constexpr const char* kTotalDownloadSizeKey = "totalDownloadSize";
+constexpr const char* kCompletedDownloadSizeKey = "completedDownloadSize";
+constexpr const char* kProgressValueKey = "progressValue";
+constexpr const char* kEstimatedTimeRemainingKey = "estimatedTimeRemaining";
+constexpr const char* kDownloadSpeedKeyPath = "_downloadTracker.averageBytesPerSecond";
+constexpr const char* kChecksumSpeedKeyPath = "_checksumTracker.averageBytesPerSecond";
+
+std::mutex userAgentLock;
+std::optional<std::string> sharedUserAgent;
+
+void logCheck(const std::string& line) {
+    platform::systemLog(platform::kInstallerFacility | platform::kLogWarning, line);
+}
+
+void logHTTP(const std::string& line) {
+    platform::systemLog(platform::kInstallerFacility | platform::kLogDebug, line);
+}
+
+// Every entry's stored bytes checked against its archived checksum, in TOC order.
+bool packageVerifies(const std::string& path) {
+    auto archive = xar::XarHandle::open(path, xar::XarHandle::Mode::Read);
+    if (!archive) return false;
+    for (xar::File file = archive->first(); file; file = archive->next(file))
+        if (archive->verify(file) != 0) return false;
+    return true;
+}
+
+bool diskImageVerifies(const std::string& path) {
+    auto tool = platform::Process::spawn(platform::diskImageToolPath(), {"verify", "-quiet", path});
+    if (!tool) return false;
+    // Nothing it says is needed; a tool that keeps talking gets SIGPIPE rather than a hang.
+    tool->closeOutput();
+    return tool->waitUntilExit() == 0;
+}
+
+}  // namespace
+
+namespace downloader_checks {
+
+bool checksumMatches(const std::string& path, const std::string& expected,
+                     const std::function<void(uint64_t)>& checked) {
+    platform::digest::Hasher md5(platform::digest::Algorithm::MD5);
+    bool read = platform::fs::readInChunks(path, kChecksumChunkSize, [&](std::span<const uint8_t> chunk) {
+        md5.update(chunk);
+        checked(chunk.size());
+        return true;
+    });
+    return read && platform::digest::hex(md5.finish()) == expected;
+}
+
+bool nativeCheckPasses(const std::string& path, const std::string& destination) {
+    std::string name = platform::path::lastComponent(destination);
+    bool isDirectory = false;
+    if (!platform::fs::exists(path, &isDirectory)) {
+        logCheck(fmt::format("Failed to verify {}: {} does not exist", name, path));
+        return false;
+    }
+    if (isDirectory) {
+        logCheck(fmt::format("Failed to verify {}: {} is directory", name, path));
+        return false;
+    }
+    std::string extension = platform::path::extension(name);
+    if (extension == "pkg" || extension == "mpkg") {
+        if (packageVerifies(path)) return true;
+        logCheck(fmt::format("Failed to verify {}: xar_verify failed", name));
+        return false;
+    }
+    if (extension == "dmg") {
+        // Any value turns the check off, false included.
+        if (platform::defaults::objectForKey(kCWDontVerifyDMGsKey)) return true;
+        if (diskImageVerifies(path)) return true;
+        logCheck(fmt::format("Failed to verify {}: vimgutil verify failed", name));
+        return false;
+    }
+    logCheck(fmt::format("No native mechanism to verify {}", name));
+    return true;
+}
+
+}  // namespace downloader_checks
+
+CWDownloader::CWDownloader(CWDownloaderDelegate* delegate)
+    : _delegate(delegate),
+      _queue(std::make_unique<CWDownloaderQueue>()),
+      _downloadTracker(std::make_shared<CWDownloaderSpeedTracker>()),
+      _checksumTracker(std::make_shared<CWDownloaderSpeedTracker>()) {
+    _mainLoop = platform::RunLoop::main();
+    if (!_mainLoop) _mainLoop = platform::RunLoop::current();
+}
+
+std::shared_ptr<CWDownloader> CWDownloader::initWithDelegate(CWDownloaderDelegate* delegate) {
+    return std::shared_ptr<CWDownloader>(new CWDownloader(delegate));
+}
+
+CWDownloader::~CWDownloader() {
+    if (_progressTimer) _progressTimer->invalidate();
+    for (const auto& element : _queue->activeElements()) {
+        if (auto download = element->download()) {
+            download->setDelegate(nullptr);
+            download->cancel();
+        }
+    }
+}
+
+std::optional<std::string> CWDownloader::userAgent() {
+    std::lock_guard guard(userAgentLock);
+    return sharedUserAgent;
+}
+
+void CWDownloader::setUserAgent(std::optional<std::string> agent) {
+    std::lock_guard guard(userAgentLock);
+    sharedUserAgent = std::move(agent);
+}
+
+bool CWDownloader::automaticallyNotifiesObserversForKey(std::string_view key) {
+    return key != kTotalDownloadSizeKey && key != kCompletedDownloadSizeKey && key != kProgressValueKey;
+}
+
+std::vector<std::string> CWDownloader::keyPathsForValuesAffectingValueForKey(std::string_view key) {
+    if (key == kEstimatedTimeRemainingKey) return {kProgressValueKey, kDownloadSpeedKeyPath, kChecksumSpeedKeyPath};
+    return {};
+}
+
+void CWDownloader::_announce(std::string_view key, bool prior) {
+    if (!_observer) return;
+    _observer(key, prior);
+    for (const auto& affecting : keyPathsForValuesAffectingValueForKey(kEstimatedTimeRemainingKey))
+        if (affecting == key) _observer(kEstimatedTimeRemainingKey, prior);
+}
+
+double CWDownloader::estimatedTimeRemaining() const {
+    uint64_t downloadSpeed = _downloadTracker->averageBytesPerSecond();
+    uint64_t checkSpeed = _checksumTracker->averageBytesPerSecond();
+    if (downloadSpeed == 0 || checkSpeed == 0) return -1.0;
+    return double(_queue->sizeToDownload() / downloadSpeed + _queue->sizeToCheck() / checkSpeed);
+}
+
+void CWDownloader::_performOnMainThread(std::function<void(CWDownloader&)> call) {
+    _mainLoop->perform([weak = weak_from_this(), call = std::move(call)] {
+        if (auto self = weak.lock()) call(*self);
+    });
+}
+
+// Queue and run state
+
+void CWDownloader::queuePackageReference(const CWPackageReference& reference, const std::string& destination) {
+    _queue->addElement(CWDownloaderQueueElement::initWithPackageReference(reference, destination));
+    if (_isQueueRunning) _startQueuedDownloads();
+}
+
+bool CWDownloader::queueContainsPackageReference(const CWPackageReference& reference) const {
+    for (const auto& element : _queue->allElements())
+        if (element->packageReference()->isEqual(reference)) return true;
+    return false;
+}
+
+void CWDownloader::startQueue() {
+    if (_isQueueRunning) return;
+    _isQueueRunning = true;
+    _delegate->packageDownloaderDidStart(*this);
+    _downloadTracker = std::make_shared<CWDownloaderSpeedTracker>();
+    _checksumTracker = std::make_shared<CWDownloaderSpeedTracker>();
+    _updateProgressInfo();
+    _performOnMainThread([](CWDownloader& self) {
+        if (self._progressTimer) self._progressTimer->invalidate();
+        self._progressTimer = self._mainLoop->addTimer(kIndicatorInterval, true, [weak = self.weak_from_this()] {
+            if (auto downloader = weak.lock()) downloader->_updateIndicators();
+        });
+    });
+    _startQueuedDownloads();
+}
+
+void CWDownloader::stopQueue() {
+    for (const auto& element : _queue->activeElements()) {
+        std::shared_ptr<CWDownload> download = element->download();
+        if (!download) continue;
+        download->cancel();
+        if (!_cancelDownloadCapturingResumeData(element)) _queue->revertElement(element, false);
+        element->setDownload(nullptr);
+        _queue->deactivateElement(element);
+    }
+    _performOnMainThread([](CWDownloader& self) {
+        if (self._progressTimer) self._progressTimer->invalidate();
+        self._progressTimer.reset();
+    });
+    _updateProgressInfo();
+    _isQueueRunning = false;
+    _performOnMainThread([](CWDownloader& self) { self._notifyDelegateIfQueueStopped(true); });
+}
+
+void CWDownloader::clearQueue() {
+    stopQueue();
+    _queue->clearAll();
+}
+
+void CWDownloader::_notifyDelegateIfQueueStopped(std::optional<bool> stopped) {
+    if (stopped) _stopNotificationPending = *stopped;
+    if (_stopNotificationPending && _queue->activeElements().empty()) {
+        _stopNotificationPending = false;
+        _delegate->packageDownloaderDidStop(*this);
+    }
+}
+
+void CWDownloader::_startQueuedDownloads() {
+    _performOnMainThread([](CWDownloader& self) { self._notifyDelegateIfQueueStopped(std::nullopt); });
+    if (!_isQueueRunning) return;
+    while (auto element = _queue->activateNextElement()) _startDownloadForQueueElement(element);
+    if (_queue->isEmpty()) stopQueue();
+}
+
+void CWDownloader::_startDownloadForQueueElement(const Element& element) {
+    const platform::URL& url = element->packageReference()->URL();
+    if (url.isFileURL() && maxConcurrentDownloadCount() == 1) {
+        _startFileCopyForQueueElement(element);
+        return;
+    }
+    if (platform::fs::existsNoFollow(element->resumeDataPath())) {
+        auto data = platform::fs::readFile(element->resumeDataPath());
+        platform::fs::removeItem(element->resumeDataPath());
+        auto resumed = data ? CWDownload::downloadWithResumeData(*data, element->partialPath(), this) : nullptr;
+        if (resumed && resumed->sourceURL() == url) {
+            // Not every kind of download keeps the delegate it was made with.
+            resumed->setDelegate(this);
+            resumed->setDeletesFileUponFailure(false);
+            element->setDownload(resumed);
+            return;
+        }
+        if (resumed) {
+            resumed->setDelegate(nullptr);
+            resumed->cancel();
+        }
+        _queue->revertElement(element, true);
+    }
+    auto download = CWDownload::downloadWithURL(url, this);
+    if (!download) {
+        // No class takes the URL: the package fails as a transfer would, once the
+        // current round of starting is over.
+        platform::Error error{platform::kURLErrorDomain, platform::kURLErrorUnsupportedURL,
+                              platform::Dictionary{{platform::kURLErrorFailingURLStringKey, url.absoluteString()},
+                                                   {platform::kErrorDescriptionKey, "unsupported URL"}}};
+        _performOnMainThread([element, error](CWDownloader& self) { self._elementDidFailWithError(element, error); });
+        return;
+    }
+    download->setDestination(element->partialPath(), true);
+    download->setDeletesFileUponFailure(false);
+    element->setDownload(download);
+}
+
+bool CWDownloader::_cancelDownloadCapturingResumeData(const Element& element) {
+    std::shared_ptr<CWDownload> download = element->download();
+    std::optional<platform::Data> resumeData = download ? download->resumeData() : std::nullopt;
+    if (resumeData) {
+        platform::fs::removeItem(element->resumeDataPath());
+        if (platform::fs::writeFile(element->resumeDataPath(), *resumeData)) return true;
+        platform::fs::removeItem(element->resumeDataPath());
+    }
+    platform::fs::removeItem(element->partialPath());
+    return false;
+}
+
+// Indicators
+
+void CWDownloader::_updateIndicators() {
+    _updateProgressInfo();
+    _updateDownloadSpeed();
+}
+
+void CWDownloader::_updateProgressInfo() {
+    for (const char* key : {kTotalDownloadSizeKey, kCompletedDownloadSizeKey, kProgressValueKey}) _announce(key, true);
+    _queue->updateProgressInfo();
+    for (const char* key : {kTotalDownloadSizeKey, kCompletedDownloadSizeKey, kProgressValueKey}) _announce(key, false);
+    _delegate->packageDownloaderDidChangeProgress(*this, _queue->progressPercentage());
+}
+
+void CWDownloader::_updateDownloadSpeed() {
+    if (!_isQueueRunning) return;
+    _announce(kDownloadSpeedKeyPath, true);
+    _announce(kChecksumSpeedKeyPath, true);
+    _downloadTracker->updateSpeed();
+    _checksumTracker->updateSpeed();
+    _announce(kDownloadSpeedKeyPath, false);
+    _announce(kChecksumSpeedKeyPath, false);
+}
+
+// Transfer callbacks
+
+CWDownloader::Element CWDownloader::_elementForDownload(CWDownload& download) const {
+    return _queue->activeElementForURL(download.sourceURL().absoluteString());
+}
+
+std::optional<platform::URLRequest> CWDownloader::downloadWillSendRequestRedirectResponse(
+    CWDownload&, platform::URLRequest request, const std::optional<platform::URLResponse>&) {
+    if (auto agent = userAgent()) request.setValue(*agent, "User-Agent");
+    if (CWURLDownload::_logHTTP()) {
+        platform::Dictionary fields;
+        for (const auto& [name, value] : request.headerFields) fields.set(name, value);
+        logHTTP(fmt::format("Sending request {} {}", request.url.absoluteString(), describeHeaderFields(fields)));
+    }
+    return request;
+}
+
+void CWDownloader::downloadDidReceiveResponse(CWDownload&, const platform::URLResponse& response) {
+    if (CWURLDownload::_logHTTP() && response.isHTTP)
+        logHTTP(fmt::format("Received response {} code {}\n{}", response.url.absoluteString(), response.statusCode,
+                            describeHeaderFields(response.headerFields)));
+}
+
+void CWDownloader::downloadWillResumeFromByte(CWDownload& download, int64_t offset) {
+    Element element = _elementForDownload(download);
+    if (!element) return;
+    if (offset == 0) {
+        download.setDestination(element->partialPath(), true);
+        _queue->revertElement(element, true);
+    }
+    // Bytes already on disk count as fetched for the queue; they were not fetched now,
+    // so the speed does not see them.
+    if (element->downloadedBytes() == 0 && offset > 0) _queue->gotDataOfLength(uint64_t(offset), *element);
+}
+
+void CWDownloader::downloadDidReceiveDataOfLength(CWDownload& download, uint64_t length) {
+    Element element = _elementForDownload(download);
+    if (!element) return;
+    _queue->gotDataOfLength(length, *element);
+    _downloadTracker->didGetBytes(length);
+}
+
+void CWDownloader::downloadDidCheckDataOfLength(CWDownload& download, uint64_t length) {
+    Element element = _elementForDownload(download);
+    if (!element) return;
+    _queue->checkedDataOfLength(length, *element);
+    _checksumTracker->didGetBytes(length);
+}
+
+void CWDownloader::downloadDidFinish(CWDownload& download) {
+    Element element = _elementForDownload(download);
+    if (!element || element->download().get() != &download) return;
+    // The element held the download; keep it alive until this call is over.
+    std::shared_ptr<CWDownload> finished = element->download();
+    element->setDownload(nullptr);
+    _elementDidFinish(element, finished);
+}
+
+void CWDownloader::downloadDidFailWithError(CWDownload& download, const platform::Error& error) {
+    Element element = _elementForDownload(download);
+    if (!element || element->download().get() != &download) return;
+    std::shared_ptr<CWDownload> failed = element->download();
+    _cancelDownloadCapturingResumeData(element);
+    element->setDownload(nullptr);
+    _elementDidFailWithError(element, error);
+}
+
+void CWDownloader::downloadDidReceiveAuthenticationChallenge(
+    CWDownload&, const std::shared_ptr<platform::URLAuthenticationChallenge>& challenge) {
+    _delegate->packageDownloaderDidReceiveAuthenticationChallenge(*this, challenge);
+}
+
+void CWDownloader::downloadDidCancelAuthenticationChallenge(
+    CWDownload&, const std::shared_ptr<platform::URLAuthenticationChallenge>& challenge) {
+    _delegate->packageDownloaderDidCancelAuthenticationChallenge(*this, challenge);
+}
+
+// Checking, placing and failing
+
+void CWDownloader::_elementDidFinish(const Element& element, const std::shared_ptr<CWDownload>& download) {
+    if (download && download->validatesDuringDownload()) {
+        _performOnMainThread([element](CWDownloader& self) { self._postProcessDownload(element, true); });
+        return;
+    }
+    auto reference = element->packageReference();
+    std::string expected = reference->MD5().value_or("");
+    auto tracker = _checksumTracker;
+    auto report = [weak = weak_from_this(), loop = _mainLoop, element](bool passed) {
+        loop->perform([weak, element, passed] {
+            if (auto self = weak.lock()) self->_postProcessDownload(element, passed);
+        });
+    };
+    std::thread([element, tracker, expected, report] {
+        platform::thread::setCurrentName(kCheckThreadName);
+        bool passed;
+        if (!expected.empty()) {
+            passed = downloader_checks::checksumMatches(element->partialPath(), expected, [&](uint64_t length) {
+                element->_addToChecksummedBytes(length);
+                tracker->didGetBytes(length);
+            });
+        } else {
+            passed = downloader_checks::nativeCheckPasses(element->partialPath(), element->destination());
+            uint64_t size = element->packageReference()->fileSize();
+            element->_addToChecksummedBytes(size);
+            tracker->didGetBytes(size);
+        }
+        report(passed);
+    }).detach();
+}
+
+void CWDownloader::_postProcessDownload(const Element& element, bool succeeded) {
+    if (!succeeded) {
+        platform::fs::removeItem(element->partialPath());
+        _elementDidFailWithError(element, std::nullopt);
+        return;
+    }
+    platform::fs::removeItem(element->destination());
+    platform::fs::moveItem(element->partialPath(), element->destination());
+    _queue->removeElement(element, true);
+    auto reference = element->packageReference();
+    auto local = CWPackageReference::initWithURL(platform::URL::fileURL(element->destination()),
+                                                 reference->identifier(), reference->version(),
+                                                 reference->fileSize(), reference->MD5());
+    _delegate->packageDownloaderDidFinishPackageReference(*this, reference, local);
+    _startQueuedDownloads();
+}
+
+void CWDownloader::_elementDidFailWithError(const Element& element, const std::optional<platform::Error>& error) {
+    auto reference = element->packageReference();
+    if (_delegate->packageDownloaderShouldRetryFailedPackageReference(*this, reference, error)) {
+        _queue->revertElement(element, false);
+        _startQueuedDownloads();
+        return;
+    }
+    _queue->removeElement(element, false);
+    if (error) _delegate->packageDownloaderDidFailOnPackageReference(*this, reference, *error);
+    else _delegate->packageDownloaderDidDownloadInvalidDataForPackageReference(*this, reference);
+    _startQueuedDownloads();
+}
+
+// Local files
+
+void CWDownloader::_startFileCopyForQueueElement(const Element& element) {
+    auto queue = _queue.get();
+    auto finish = [weak = weak_from_this(), loop = _mainLoop, element](std::optional<platform::Error> error) {
+        loop->performAndWait([&] {
+            if (auto self = weak.lock()) self->_finishFileCopyWithResult(element, error);
+        });
+    };
+    // The queue outlives the thread only while the downloader does; read its limit now.
+    uint64_t concurrency = queue->maxConcurrentDownloadCount();
+    std::thread([element, concurrency, finish] {
+        platform::thread::setCurrentName(kCopyThreadName);
+        FH_ASSERT_AT_LINE("-[CWDownloader _startFileCopyForQueueElement:]", 391, concurrency == 1,
+                          "file: URL copying hack is not designed for concurrent downloads");
+        std::string partial = element->partialPath();
+        platform::fs::removeItem(partial);
+        platform::Error error;
+        if (!platform::fs::copyItem(element->packageReference()->URL().path(), partial, &error)) {
+            finish(error);
+            return;
+        }
+        std::optional<uint64_t> size = platform::fs::fileSize(partial);
+        if (!size || *size != element->packageReference()->fileSize()) {
+            finish(platform::Error{kGeneralErrorDomain, size ? kCopySizeDiffersError : kCopyNoAttributesError,
+                                   platform::Dictionary{{platform::kErrorDescriptionKey, "Post-copy size check failed."},
+                                                        {kFilePathErrorKey, partial}}});
+            return;
+        }
+        finish(std::nullopt);
+    }).detach();
+}
+
+void CWDownloader::_finishFileCopyWithResult(const Element& element, const std::optional<platform::Error>& error) {
+    if (error) {
+        _elementDidFailWithError(element, error);
+        return;
+    }
+    uint64_t size = element->packageReference()->fileSize();
+    _queue->gotDataOfLength(size, *element);
+    _downloadTracker->didGetBytes(size);
+    _elementDidFinish(element, nullptr);
+}
+
+}  // namespace crateworks
