@@ -4,17 +4,15 @@
 // transfer that stops early (a dropped connection, a short body, SIGINT) keeps
 // DEST.partial and writes resume data to DEST.partialState, from which the next run
 // continues. A DEST.partial without its state file is stale and is written from byte 0.
-#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fmt/format.h>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "CrateworksTool/Command.h"
+#include "CrateworksTool/ToolSupport.h"
 #include "Distribution_Layer/Downloader/CWDownload.h"
 #include "Distribution_Layer/Downloader/CWSecureURLDownload.h"
 #include "Platform/FileSystem.h"
@@ -23,23 +21,10 @@
 
 namespace {
 
+namespace tool = crateworks::tool;
+
 constexpr const char* kUsage = "download URL DEST [--cacert FILE]";
 constexpr double kProgressInterval = 0.25;
-
-std::atomic<bool> interrupted{false};
-platform::RunLoop* signalLoop = nullptr;
-
-void onSigint(int) {
-    interrupted = true;
-    if (signalLoop) signalLoop->wakeUp();
-}
-
-std::string humanBytes(double bytes) {
-    const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-    int unit = 0;
-    while (bytes >= 1024 && unit < 4) bytes /= 1024, ++unit;
-    return unit == 0 ? fmt::format("{:.0f} {}", bytes, units[unit]) : fmt::format("{:.1f} {}", bytes, units[unit]);
-}
 
 // Follows one transfer and draws its progress line.
 class Transfer : public crateworks::CWDownloadDelegate {
@@ -82,14 +67,13 @@ public:
         if (expected >= 0) {
             int64_t total = expected + (status == 206 ? startOffset : 0);
             double percent = total > 0 ? 100.0 * double(received) / double(total) : 100.0;
-            line = fmt::format("{:5.1f}%  {} of {}", percent, humanBytes(double(received)), humanBytes(double(total)));
+            line = fmt::format("{:5.1f}%  {} of {}", percent, tool::humanBytes(double(received)), tool::humanBytes(double(total)));
             if (speed > 0) {
-                int64_t left = int64_t(double(total - received) / speed);
-                line += fmt::format("  {}/s  {}:{:02}:{:02} left", humanBytes(speed), left / 3600, left / 60 % 60,
-                                    left % 60);
+                line += fmt::format("  {}/s  {} left", tool::humanBytes(speed),
+                                    tool::humanDuration(double(total - received) / speed));
             }
         } else {
-            line = fmt::format("{}  {}/s", humanBytes(double(received)), humanBytes(speed));
+            line = fmt::format("{}  {}/s", tool::humanBytes(double(received)), tool::humanBytes(speed));
         }
         fmt::print(stderr, "\r{:<72}", line);
         fflush(stderr);
@@ -169,29 +153,26 @@ int downloadMain(const std::vector<std::string>& args) {
     }
 
     auto loop = platform::RunLoop::current();
-    signalLoop = loop.get();
-    struct sigaction action {};
-    action.sa_handler = onSigint;
-    sigaction(SIGINT, &action, nullptr);
+    tool::catchInterrupt(*loop);
     std::shared_ptr<platform::RunLoopTimer> timer;
     auto started = platform::RunLoop::Clock::now();
-    bool showProgress = isatty(STDERR_FILENO);
+    bool showProgress = tool::stderrIsTerminal();
     if (showProgress) {
         timer = loop->addTimer(kProgressInterval, true, [&] {
             transfer.drawProgress(std::chrono::duration<double>(platform::RunLoop::Clock::now() - started).count());
         });
     }
-    loop->runUntil([&] { return transfer.finished || transfer.failed || interrupted; });
+    loop->runUntil([&] { return transfer.finished || transfer.failed || tool::interrupted(); });
     if (timer) timer->invalidate();
     if (showProgress) fmt::print(stderr, "\r{:<72}\r", "");
 
-    if (transfer.finished && !interrupted) {
+    if (transfer.finished && !tool::interrupted()) {
         if (rename(partial.c_str(), parsed->dest.c_str()) != 0)
             return fail(parsed->url, fmt::format("cannot move into place: {}", strerror(errno)));
         platform::fs::removeItem(state);
         return 0;
     }
-    if (interrupted) download->cancel();
+    if (tool::interrupted()) download->cancel();
     const platform::Value* httpStatus =
         transfer.error ? transfer.error->userInfo.find(platform::kURLErrorHTTPStatusKey) : nullptr;
     auto resume = url->isFileURL() || httpStatus ? std::nullopt : download->resumeData();
@@ -201,7 +182,7 @@ int downloadMain(const std::vector<std::string>& args) {
         platform::fs::removeItem(partial);
         platform::fs::removeItem(state);
     }
-    if (interrupted) {
+    if (tool::interrupted()) {
         fmt::print(stderr, "crateworks download: \"{}\": interrupted\n", parsed->url);
         return 130;
     }

@@ -9,6 +9,7 @@
 #include "CrateworksCore/Package_API/Trust/CWArchiveTrustJudgement.h"
 #include "CrateworksCore/Package_API/Trust/CWTrust.h"
 #include "CrateworksTool/Command.h"
+#include "CrateworksTool/ToolSupport.h"
 #include "Platform/FileSystem.h"
 
 namespace {
@@ -16,15 +17,6 @@ namespace {
 using crateworks::CWTrust;
 
 constexpr int kBelowMinimumStatus = 3;
-
-// A level by number or by name; absent for anything that is neither.
-std::optional<int32_t> parseLevel(const std::string& text) {
-    for (int32_t level = 0; level <= crateworks::CWTrustLevelQuarnSoftwareProduction; ++level) {
-        auto name = CWTrust::stringForTrustLevel(level);
-        if (name && (text == *name || text == std::to_string(level))) return level;
-    }
-    return std::nullopt;
-}
 
 int judge(const std::string& path, std::optional<int32_t> minimum) {
     if (!platform::fs::existsNoFollow(path)) {
@@ -50,7 +42,7 @@ int trustMain(const std::vector<std::string>& args) {
     std::optional<int32_t> minimum;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--min" && i + 1 < args.size()) {
-            minimum = parseLevel(args[++i]);
+            minimum = crateworks::tool::parseTrustLevel(args[++i]);
             if (!minimum) return crateworks::usage();
         } else if (!path && args[i].rfind("--", 0) != 0) {
             path = args[i];

@@ -25,7 +25,7 @@ public:
                                                                    CWDownloadDelegate* delegate);
 
     // A PEM file of the authorities to trust instead of the system's; absent restores them.
-    // Applies to downloads made afterwards.
+    // Applies to downloads and synchronous loads (CWURLConnection) made afterwards.
     static void setCertificateAuthorityFile(std::optional<std::string> path);
     static std::optional<std::string> certificateAuthorityFile();
 

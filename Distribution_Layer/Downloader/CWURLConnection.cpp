@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <mutex>
 
+#include "Distribution_Layer/Downloader/CWSecureURLDownload.h"
 #include "Distribution_Layer/Downloader/CWURLDownload.h"
 #include "Platform/Log.h"
 #include "Platform/RunLoop.h"
@@ -101,7 +102,9 @@ std::optional<platform::Data> CWURLConnection::sendSynchronousRequest(const plat
     platform::URLRequest toLoad = request;
     if (toLoad.url.isFileURL()) toLoad.shouldHandleCookies = false;
     detail::CWURLConnectionDelegate delegate;
-    auto connection = platform::URLConnection::initWithRequest(toLoad, &delegate);
+    // Loads trust the same authorities as secure downloads.
+    auto connection = platform::URLConnection::initWithRequest(toLoad, &delegate,
+                                                               {CWSecureURLDownload::certificateAuthorityFile()});
     if (!connection) {
         platform::setError(error, platform::kURLErrorDomain, platform::kURLErrorUnsupportedURL,
                            {{platform::kURLErrorFailingURLStringKey, request.url.absoluteString()}});

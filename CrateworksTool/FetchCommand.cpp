@@ -1,0 +1,319 @@
+// crateworks fetch: loads a product, judges its trust, and fetches its packages into DEST.
+//
+// Every package goes to DEST under the last component of its URL's path, N at once,
+// through the package downloader: each is written to NAME.partial, checked (its MD5,
+// or by its kind), and only then renamed to NAME. A package that fails is tried once
+// more. One that still fails leaves nothing under its name, except that a transfer cut
+// off midway keeps NAME.partial and NAME.partialState so that the next run resumes it.
+// SIGINT stops the queue the same way and exits 130.
+//
+// A package already in DEST whose size and MD5 match its reference is not fetched again.
+#include <filesystem>
+#include <fmt/format.h>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "CrateworksTool/Command.h"
+#include "CrateworksTool/ToolSupport.h"
+#include "Distribution_Layer/Downloader/CWDownloader.h"
+#include "Distribution_Layer/Downloader/CWSecureURLDownload.h"
+#include "Distribution_Layer/Downloader/CWURLConnection.h"
+#include "Distribution_Layer/Product/CWProduct.h"
+#include "Platform/FileSystem.h"
+#include "Platform/Path.h"
+#include "Platform/RunLoop.h"
+#include "Platform/URLErrors.h"
+
+namespace {
+
+namespace tool = crateworks::tool;
+using crateworks::CWDownloader;
+using crateworks::CWPackageReference;
+using Reference = std::shared_ptr<CWPackageReference>;
+
+constexpr const char* kUsage = "fetch PRODUCT_URL DEST [--jobs N] [--min-trust LEVEL] [--cacert FILE]";
+constexpr const char* kTrustLevelKey = "CWTrustLevel";
+constexpr int kInterruptedStatus = 130;
+// More concurrent transfers than this would only contend for the same link.
+constexpr uint64_t kMaxJobs = 64;
+constexpr size_t kBarWidth = 20;
+
+struct Arguments {
+    std::string productURL, dest;
+    uint64_t jobs = 1;
+    std::optional<int32_t> minimumTrust;
+    std::optional<std::string> caFile;
+};
+
+std::optional<uint64_t> parseJobs(const std::string& text) {
+    if (text.empty() || text.size() > 3 || text.find_first_not_of("0123456789") != std::string::npos)
+        return std::nullopt;
+    uint64_t jobs = std::stoull(text);
+    if (jobs < 1 || jobs > kMaxJobs) return std::nullopt;
+    return jobs;
+}
+
+std::optional<Arguments> parse(const std::vector<std::string>& args) {
+    Arguments parsed;
+    std::vector<std::string> positional;
+    bool jobsSeen = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        bool hasValue = i + 1 < args.size();
+        if (arg == "--jobs") {
+            auto jobs = hasValue && !jobsSeen ? parseJobs(args[++i]) : std::nullopt;
+            if (!jobs) return std::nullopt;
+            parsed.jobs = *jobs;
+            jobsSeen = true;
+        } else if (arg == "--min-trust") {
+            if (!hasValue || parsed.minimumTrust) return std::nullopt;
+            parsed.minimumTrust = tool::parseTrustLevel(args[++i]);
+            if (!parsed.minimumTrust) return std::nullopt;
+        } else if (arg == "--cacert") {
+            if (!hasValue || parsed.caFile) return std::nullopt;
+            parsed.caFile = args[++i];
+        } else if (arg.starts_with("--")) {
+            return std::nullopt;
+        } else {
+            positional.push_back(arg);
+        }
+    }
+    if (positional.size() != 2 || positional[0].empty() || positional[1].empty()) return std::nullopt;
+    parsed.productURL = positional[0];
+    parsed.dest = positional[1];
+    return parsed;
+}
+
+// A URL as given, or a path on this machine taken as a file URL.
+std::optional<platform::URL> productURL(const std::string& text) {
+    if (auto url = platform::URL::parse(text)) return url;
+    if (text.find("://") != std::string::npos) return std::nullopt;
+    if (text.starts_with("/")) return platform::URL::fileURL(text);
+    std::error_code failed;
+    std::string cwd = std::filesystem::current_path(failed).string();
+    if (failed) return std::nullopt;
+    return platform::URL::fileURL(platform::path::appendComponent(cwd, text));
+}
+
+bool isHTTPError(const platform::Error& error) {
+    return error.domain == platform::kURLErrorDomain && error.userInfo.find(platform::kURLErrorHTTPStatusKey);
+}
+
+// Watches the queue: draws the bar on a terminal, prints one line per package done,
+// retries each package once, and tidies DEST after a final failure.
+class Fetch : public crateworks::CWDownloaderDelegate {
+public:
+    Fetch(std::string dest, bool terminal) : dest_(std::move(dest)), terminal_(terminal) {}
+
+    void setDownloader(CWDownloader* downloader) { downloader_ = downloader; }
+    bool stopped() const { return stopped_; }
+    int failures() const { return failures_; }
+
+    void packageDownloaderDidStop(CWDownloader&) override { stopped_ = true; }
+
+    void packageDownloaderDidChangeProgress(CWDownloader&, double) override {
+        if (terminal_) _drawBar();
+    }
+
+    void packageDownloaderDidFinishPackageReference(CWDownloader&, const Reference& reference,
+                                                    const Reference&) override {
+        reportFetched(*reference, "fetched");
+    }
+
+    bool packageDownloaderShouldRetryFailedPackageReference(CWDownloader&, const Reference& reference,
+                                                            const std::optional<platform::Error>& error) override {
+        if (!retried_.insert(reference->URL().absoluteString()).second) return false;
+        // An error page is nothing to resume from.
+        if (error && isHTTPError(*error)) _removeSideFiles(*reference);
+        return true;
+    }
+
+    void packageDownloaderDidFailOnPackageReference(CWDownloader&, const Reference& reference,
+                                                    const platform::Error& error) override {
+        std::string state = _path(*reference) + ".partialState";
+        // Only a cut-off transfer with its resume data kept is worth keeping.
+        if (isHTTPError(error) || !platform::fs::existsNoFollow(state)) _removeSideFiles(*reference);
+        _fail(*reference, error.description());
+    }
+
+    void packageDownloaderDidDownloadInvalidDataForPackageReference(CWDownloader&,
+                                                                    const Reference& reference) override {
+        _removeSideFiles(*reference);
+        _fail(*reference, "its check failed");
+    }
+
+    void packageDownloaderDidReceiveAuthenticationChallenge(
+        CWDownloader&, const std::shared_ptr<platform::URLAuthenticationChallenge>& challenge) override {
+        crateworks::CWURLConnection::didReceiveAuthenticationChallenge(challenge);
+    }
+
+    void reportFetched(const CWPackageReference& reference, const char* how) {
+        _printLine(fmt::format("{}\t{}\t{}", how, tool::printable(reference.identifier()), _name(reference)));
+    }
+
+    // Leaves the bar's line for good.
+    void finish() {
+        if (terminal_ && barDrawn_) fmt::print("\n");
+        std::fflush(stdout);
+    }
+
+private:
+    static std::string _name(const CWPackageReference& reference) {
+        return platform::path::lastComponent(reference.URL().path());
+    }
+    std::string _path(const CWPackageReference& reference) const {
+        return platform::path::appendComponent(dest_, _name(reference));
+    }
+
+    void _removeSideFiles(const CWPackageReference& reference) {
+        platform::fs::removeItem(_path(reference) + ".partial");
+        platform::fs::removeItem(_path(reference) + ".partialState");
+    }
+
+    void _fail(const CWPackageReference& reference, const std::string& why) {
+        ++failures_;
+        // Whatever is under the package's name is not the package.
+        platform::fs::removeItem(_path(reference));
+        _printLine(fmt::format("failed\t{}\t{}\t{}", tool::printable(reference.identifier()), _name(reference),
+                               tool::printable(why)));
+    }
+
+    void _printLine(const std::string& line) {
+        if (terminal_ && barDrawn_) fmt::print("\r\033[K");
+        fmt::print("{}\n", line);
+        if (terminal_ && barDrawn_) _drawBar();
+        std::fflush(stdout);
+    }
+
+    void _drawBar() {
+        if (!downloader_) return;
+        double percent = std::max(0.0, downloader_->progressValue());
+        auto filled = size_t(percent / 100.0 * double(kBarWidth));
+        std::string bar = std::string(filled, '#') + std::string(kBarWidth - filled, '-');
+        fmt::print("\r\033[K[{}] {:5.1f}%  {} of {}  {}/s  {} left", bar, percent,
+                   tool::humanBytes(double(downloader_->completedDownloadSize())),
+                   tool::humanBytes(double(downloader_->totalDownloadSize())),
+                   tool::humanBytes(double(downloader_->downloadBytesPerSecond())),
+                   tool::humanDuration(downloader_->estimatedTimeRemaining()));
+        std::fflush(stdout);
+        barDrawn_ = true;
+    }
+
+    std::string dest_;
+    bool terminal_;
+    CWDownloader* downloader_ = nullptr;
+    bool stopped_ = false, barDrawn_ = false;
+    int failures_ = 0;
+    std::set<std::string> retried_;
+};
+
+int fail(const std::string& what, const std::string& why) {
+    fmt::print(stderr, "crateworks fetch: {}: {}\n", what, why);
+    return 1;
+}
+
+// The packages to fetch, each once. Absent, with a message printed, when a package's
+// file name cannot be used or two different packages would share one.
+std::optional<std::vector<Reference>> packagesToFetch(const crateworks::CWProduct& product) {
+    std::vector<Reference> packages;
+    std::map<std::string, Reference> byName;
+    for (const auto& reference : product.allPackageReferences()) {
+        std::string name = platform::path::lastComponent(reference->URL().path());
+        if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+            fail(product.URL().absoluteString(),
+                 fmt::format("package {} has no usable file name", tool::printable(reference->URL().absoluteString())));
+            return std::nullopt;
+        }
+        auto same = byName.find(name);
+        if (same != byName.end() && same->second->isEqual(*reference)) continue;  // listed twice
+        // A package's side files must not be another package's name either.
+        for (const std::string& taken : {name, name + ".partial", name + ".partialState"}) {
+            auto found = byName.find(taken);
+            if (found == byName.end()) continue;
+            fail(product.URL().absoluteString(),
+                 fmt::format("packages {} and {} would share the file name {}",
+                             tool::printable(found->second->identifier()), tool::printable(reference->identifier()),
+                             tool::printable(taken)));
+            return std::nullopt;
+        }
+        for (const std::string& taken : {name, name + ".partial", name + ".partialState"}) byName[taken] = reference;
+        packages.push_back(reference);
+    }
+    return packages;
+}
+
+// Whether DEST already holds the package: a regular file of its size and MD5.
+bool alreadyFetched(const CWPackageReference& reference, const std::string& path) {
+    auto md5 = reference.MD5();
+    if (!md5 || md5->empty()) return false;
+    const char* type = platform::fs::fileType(path);
+    if (!type || std::string_view(type) != platform::fs::kFileTypeRegular) return false;
+    if (platform::fs::fileSize(path) != reference.fileSize()) return false;
+    return crateworks::downloader_checks::checksumMatches(path, *md5, [](uint64_t) {});
+}
+
+int fetchMain(const std::vector<std::string>& args) {
+    auto parsed = parse(args);
+    if (!parsed) {
+        fmt::print(stderr, "usage: crateworks {}\n", kUsage);
+        return 2;
+    }
+    auto url = productURL(parsed->productURL);
+    if (!url) return fail(parsed->productURL, "not a URL");
+    crateworks::CWDownload::addDownloadClass(crateworks::CWSecureURLDownload::downloadClass());
+    crateworks::CWSecureURLDownload::setCertificateAuthorityFile(parsed->caFile);
+    auto loop = platform::RunLoop::current();
+    platform::RunLoop::makeCurrentThreadMain();
+
+    platform::Error error;
+    auto product = crateworks::CWProduct::productByLoadingProductAtURL(*url, &error);
+    if (!product) return fail(url->absoluteString(), "cannot load the product: " + error.description());
+    product->setMinimumRequiredTrustLevel(parsed->minimumTrust.value_or(0));
+    if (!product->evaluateTrustReturningError(&error)) {
+        const platform::Value* level = error.userInfo.find(kTrustLevelKey);
+        if (!level || !level->integer()) return fail(url->absoluteString(), "cannot judge its trust: " + error.description());
+        return fail(url->absoluteString(),
+                    fmt::format("trust level {} is below the minimum {}", tool::describeTrustLevel(int32_t(*level->integer())),
+                                tool::describeTrustLevel(parsed->minimumTrust.value_or(0))));
+    }
+    auto packages = packagesToFetch(*product);
+    if (!packages) return 1;
+
+    bool isDirectory = false;
+    if (platform::fs::exists(parsed->dest, &isDirectory)) {
+        if (!isDirectory) return fail(parsed->dest, "not a directory");
+    } else if (!platform::fs::createDirectories(parsed->dest, 0755, &error)) {
+        return fail(parsed->dest, "cannot be made: " + error.description());
+    }
+
+    Fetch fetch(parsed->dest, tool::stdoutIsTerminal());
+    auto downloader = CWDownloader::initWithDelegate(&fetch);
+    fetch.setDownloader(downloader.get());
+    downloader->setMaxConcurrentDownloadCount(parsed->jobs);
+    for (const auto& reference : *packages) {
+        std::string path = platform::path::appendComponent(parsed->dest, platform::path::lastComponent(reference->URL().path()));
+        if (alreadyFetched(*reference, path)) fetch.reportFetched(*reference, "present");
+        else downloader->queuePackageReference(*reference, path);
+    }
+
+    tool::catchInterrupt(*loop);
+    downloader->startQueue();
+    loop->runUntil([&] { return fetch.stopped() || tool::interrupted(); });
+    if (tool::interrupted()) {
+        // Keeps each active transfer's resume data beside its partial file.
+        downloader->stopQueue();
+        fetch.finish();
+        fmt::print(stderr, "crateworks fetch: interrupted; run it again to resume\n");
+        return kInterruptedStatus;
+    }
+    fetch.finish();
+    if (fetch.failures() > 0)
+        return fail(url->absoluteString(), fmt::format("{} of {} packages failed", fetch.failures(), packages->size()));
+    return 0;
+}
+
+const crateworks::Registration registration{"fetch", kUsage, fetchMain};
+
+}  // namespace
