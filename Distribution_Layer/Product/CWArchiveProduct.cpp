@@ -18,7 +18,7 @@ bool CWArchiveProduct::canInitWithURL(const platform::URL& url) {
 std::shared_ptr<CWProduct> CWArchiveProduct::initByLoadingProductAtURL(const platform::URL& url,
                                                                        platform::Error* error) {
     if (!CWArchive::archiveWithPath(url.path())) {
-        platform::setError(error, kCWFoundationErrorDomain, kCWFileReadCorruptFileError,
+        platform::setError(error, kCWFoundationErrorDomain, kFileReadCorruptFileError,
                            platform::Dictionary{{"NSFilePath", url.path()}});
         return nullptr;
     }

@@ -28,11 +28,22 @@ public:
     // Where the package belongs beside the product; absent when it is already there.
     std::optional<std::string> suggestedPackagePathFromPackageReference(const CWPackageReference& reference) const;
 
+    // Stores a distribution document beside the index as "<product name>.<localization>.dist",
+    // the localization being the user's first language, records it under that localization
+    // and rewrites the index. Only products on disk (file URLs) can be written. The index
+    // in memory changes only once it has been written back.
+    bool _setDistributionFlatData(const platform::Data& data, platform::Error* error);
+    // The name of the product's index file: the class's productInfoFileName().
+    virtual const char* _productInfoFileName() const { return productInfoFileName(); }
+    // The localization a stored distribution is filed under: the first "QuarnLanguages"
+    // entry when it is a usable name, else "en".
+    static std::string _localizationForStoredDistribution();
+
     CWNetEnabledProduct(platform::URL url, std::shared_ptr<CWProductInfo> info);
 
 protected:
-    // Loads the index named `infoFileName` and the distribution into `product`.
-    static bool _load(CWNetEnabledProduct& product, const char* infoFileName, platform::Error* error);
+    // Fetches the preferred distribution of the product's already loaded index.
+    static bool _load(CWNetEnabledProduct& product, platform::Error* error);
     // Decides on the distribution's bytes; the plain product keeps them.
     virtual bool didReceiveDataFromDistributionURL(const platform::Data& data, const platform::URL& url,
                                                    platform::Error* error);

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/CWArchive.h"
 #include "CrateworksCore/Package_API/Trust/CWTrust.h"
 #include "Distribution_Layer/Product/CWPackageReference.h"
@@ -22,9 +23,11 @@ namespace crateworks {
 
 inline constexpr const char* kCWProductErrorDomain = "CWProductErrorDomain";
 inline constexpr const char* kCWUnderlyingErrorKey = "NSUnderlyingError";
-// The platform's general "could not read" code.
-inline constexpr int64_t kCWFileReadCorruptFileError = 259;
+// The domain of the general file codes products hand back: kFileReadCorruptFileError
+// (shared with the archive classes) for an index or package that cannot be read, and
+// kCWFileWriteUnsupportedSchemeError for writing to a product that is not on disk.
 inline constexpr const char* kCWFoundationErrorDomain = "CWFoundationErrorDomain";
+inline constexpr int64_t kCWFileWriteUnsupportedSchemeError = 518;
 
 class CWProduct;
 

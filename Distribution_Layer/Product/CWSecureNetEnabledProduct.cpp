@@ -23,7 +23,7 @@ std::shared_ptr<CWProduct> CWSecureNetEnabledProduct::initByLoadingProductAtURL(
     auto info = _fetchProductInfo(productURL, productInfoFileName(), error);
     if (!info) return nullptr;
     auto product = std::make_shared<CWSecureNetEnabledProduct>(productURL, info);
-    if (!_load(*product, productInfoFileName(), error) || !product->archive_) return nullptr;
+    if (!_load(*product, error) || !product->archive_) return nullptr;
     return product;
 }
 

@@ -15,6 +15,7 @@ public:
     static const char* productInfoFileName() { return "index.sproduct"; }
 
     std::string productType() const override { return kCWProductSecureNetEnabledType; }
+    const char* _productInfoFileName() const override { return productInfoFileName(); }
     const std::shared_ptr<CWArchive>& distributionArchive() const { return archive_; }
 
     using CWNetEnabledProduct::CWNetEnabledProduct;
