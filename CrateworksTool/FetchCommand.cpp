@@ -141,7 +141,7 @@ public:
     void packageDownloaderDidDownloadInvalidDataForPackageReference(CWDownloader&,
                                                                     const Reference& reference) override {
         _removeSideFiles(*reference);
-        _fail(*reference, "its check failed");
+        _fail(*reference, "did not pass its check");
     }
 
     void packageDownloaderDidReceiveAuthenticationChallenge(
