@@ -111,8 +111,15 @@ bool nativeCheckPasses(const std::string& path, const std::string& destination) 
 
 }  // namespace downloader_checks
 
+// Stands in for a missing delegate: its defaults are what having none means (nothing is
+// told, nothing is retried, a challenge goes on without a credential).
+static CWDownloaderDelegate& noDelegate() {
+    static CWDownloaderDelegate none;
+    return none;
+}
+
 CWDownloader::CWDownloader(CWDownloaderDelegate* delegate)
-    : _delegate(delegate),
+    : _delegate(delegate ? delegate : &noDelegate()),
       _queue(std::make_unique<CWDownloaderQueue>()),
       _downloadTracker(std::make_shared<CWDownloaderSpeedTracker>()),
       _checksumTracker(std::make_shared<CWDownloaderSpeedTracker>()) {

@@ -33,6 +33,7 @@ inline constexpr const char* kCWDontVerifyDMGsKey = "CWDontVerifyDMGs";
 
 class CWDownloader : public CWDownloadDelegate, public std::enable_shared_from_this<CWDownloader> {
 public:
+    // A null delegate is told nothing and retries nothing.
     static std::shared_ptr<CWDownloader> initWithDelegate(CWDownloaderDelegate* delegate);
     // Cancels the transfers still running.
     ~CWDownloader() override;

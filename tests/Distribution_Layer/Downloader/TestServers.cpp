@@ -211,11 +211,21 @@ void FaultServer::_serve(int fd) {
         if (n <= 0) return;
         head.append(buf, size_t(n));
     }
+    std::string path = head.substr(4, head.find(' ', 4) - 4);
+    bool failNow = false;
     {
         std::lock_guard lock(mutex_);
         requests_.push_back(head);
+        if (path.starts_with("/flaky/")) failNow = flakyCounts_[path]++ == 0;
     }
-    std::string path = head.substr(4, head.find(' ', 4) - 4);
+    if (failNow) {
+        sendAll(fd, "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+        shutdown(fd, SHUT_RDWR);
+        std::lock_guard lock(mutex_);
+        std::erase(clients_, fd);
+        close(fd);
+        return;
+    }
     std::string etag = "\"v1\"";
     int version = 1;
     if (path == "/changing") {

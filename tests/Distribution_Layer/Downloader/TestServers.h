@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -43,6 +44,7 @@ private:
 //   /stall       headers and 1000 bytes, then nothing until the server stops
 // Faults hit only requests from byte 0, so that a resumed request completes.
 //   /changing    ETag "vK" for the K-th request, a body that differs by K; If-Range never matches
+//   /flaky/KEY   500 with an empty body for the first request of each KEY, the body afterwards
 // The body of every path is body(version) of kBodySize bytes.
 class FaultServer {
 public:
@@ -63,6 +65,7 @@ private:
     std::atomic<int> changingCount_{0};
     std::mutex mutex_;
     std::vector<std::string> requests_;
+    std::map<std::string, int> flakyCounts_;
     std::vector<int> clients_;
     std::vector<std::thread> threads_;
     std::thread acceptThread_;
