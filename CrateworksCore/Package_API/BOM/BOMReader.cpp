@@ -15,11 +15,6 @@ constexpr uint32_t kNone = std::numeric_limits<uint32_t>::max();
 
 bool fits(uint64_t offset, uint64_t length, size_t size) { return offset + length <= size; }
 
-bool isValidName(std::string_view name, bool isRoot) {
-    if (isRoot) return name == ".";
-    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
-}
-
 // Maps item ids to node indices: a plain table when the ids are dense, as a writer
 // numbers them, and a sorted list otherwise.
 class IdIndex {
@@ -68,11 +63,11 @@ bool BOMReader::_parse() {
     if (bytes_.size() < kHeaderSize || std::memcmp(bytes_.data(), kMagic.data(), kMagic.size()) != 0) return false;
     if (readU32(bytes_.data() + 8) != kVersion || !_readBlockTable()) return false;
     auto paths = _variable(kPaths);
-    if (!paths) return false;
-    if (auto header = _block(*paths); header && header->size() >= kTreeHeaderSize)
-        nodes_.reserve(std::min<size_t>(readU32(header->data() + 16), blockTable_.size() / 16));
-    if (!_walkLeaves(*paths, [this](uint32_t value, uint32_t key) { return _addPathPair(value, key); })) return false;
-    return _readSize64() && _linkParents() && _buildChildren() && _allReachable();
+    std::vector<uint32_t> parentIds;  // filled only for a file not in walk order
+    if (!paths || !_readPaths(*paths, parentIds) || !_readSize64()) return false;
+    if (!ids_.empty() && !_orderByWalk(parentIds)) return false;
+    walkOrder_ = WalkOrder{reinterpret_cast<const char*>(bytes_.data()), walk_};
+    return true;
 }
 
 bool BOMReader::_readBlockTable() {
@@ -146,22 +141,79 @@ bool BOMReader::_walkLeaves(uint32_t headerBlock, Visit&& visit) const {
     return true;
 }
 
-bool BOMReader::_addPathPair(uint32_t valueBlock, uint32_t keyBlock) {
-    // Every item needs a value block of its own, so more items than blocks means a loop.
-    if (nodes_.size() >= blockTable_.size() / 8) return false;
-    auto value = _block(valueBlock), key = _block(keyBlock);
-    if (!value || value->size() < 8 || !key || key->size() < 5) return false;
-    uint32_t infoBlock = readU32(value->data() + 4);
-    auto info = _block(infoBlock);
-    if (!info || info->size() < kInfoFixedSize) return false;
-    const uint8_t* name = key->data() + 4;
-    auto* nul = static_cast<const uint8_t*>(std::memchr(name, 0, key->size() - 4));
-    uint64_t nameOffset = uint64_t(name - bytes_.data());
-    if (!nul || nameOffset > kNone) return false;
-    uint32_t parentId = readU32(key->data());
-    std::string_view nameView(reinterpret_cast<const char*>(name), size_t(nul - name));
-    if (!isValidName(nameView, parentId == 0)) return false;
-    nodes_.push_back(Node{readU32(value->data()), parentId, uint32_t(nameOffset), uint32_t(nameView.size()), infoBlock});
+// A writer numbers its items 1, 2, ... in leaf order, which is walk order, so each item's
+// parent is the item before it or one of that item's ancestors. While a file keeps to
+// that, items are placed as they come, with their depths and the ends of their subtrees.
+// From the first item that departs from it on, ids and parents' ids are kept instead
+// (ids_ no longer empty), for _orderByWalk.
+bool BOMReader::_readPaths(uint32_t headerBlock, std::vector<uint32_t>& parentIds) {
+    // Every item needs a value block of its own, so more items than blocks means a loop;
+    // the tree header's count is believed only as far as the block table bears it out.
+    const size_t maxItems = blockTable_.size() / 8;
+    if (auto header = _block(headerBlock); header && header->size() >= kTreeHeaderSize) {
+        size_t expected = std::min<size_t>(readU32(header->data() + 16), maxItems / 2);
+        walk_.reserve(expected);
+        infoBlocks_.reserve(expected);
+    }
+    bool inWalkOrder = true;
+    std::vector<NodeIndex> ancestors;  // of the item last placed, itself included
+    size_t depth = 0;                  // ancestors in use
+    auto place = [&](NodeIndex node, uint32_t id, uint32_t parentId, WalkNode& walk) {
+        if (id != uint64_t(node) + 1 || (node == 0) != (parentId == 0) || parentId > node) return false;
+        if (node > 0) {
+            NodeIndex parent = parentId - 1;
+            while (depth > 0 && ancestors[depth - 1] != parent) walk_[ancestors[--depth]].end = node;
+            if (depth == 0) return false;
+        }
+        walk.depth = uint32_t(depth);
+        if (depth == ancestors.size()) ancestors.push_back(node);
+        ancestors[depth++] = node;
+        return true;
+    };
+    auto leaveWalkOrder = [&](NodeIndex node) {
+        inWalkOrder = false;
+        ids_.reserve(walk_.capacity());
+        parentIds.reserve(walk_.capacity());
+        // The items placed so far were numbered as a writer numbers them.
+        for (NodeIndex i = 0; i < node; ++i) {
+            ids_.push_back(i + 1);
+            uint32_t d = walk_[i].depth;
+            ancestors[d] = i;
+            parentIds.push_back(d == 0 ? 0 : ancestors[d - 1] + 1);
+        }
+    };
+    bool read = _walkLeaves(headerBlock, [&](uint32_t valueBlock, uint32_t keyBlock) {
+        if (walk_.size() >= maxItems) return false;
+        auto value = _block(valueBlock), key = _block(keyBlock);
+        if (!value || value->size() < 8 || !key || key->size() < 5) return false;
+        uint32_t id = readU32(value->data()), parentId = readU32(key->data()), infoBlock = readU32(value->data() + 4);
+        auto info = _block(infoBlock);
+        if (!info || info->size() < kInfoFixedSize) return false;
+        // The name runs to its NUL, which must lie inside the block.
+        const char* name = reinterpret_cast<const char*>(key->data()) + 4;
+        const char* end = name + (key->size() - 4);
+        const char* at = static_cast<const char*>(std::memchr(name, 0, size_t(end - name)));
+        if (!at) return false;
+        size_t length = size_t(at - name);
+        bool slash = std::memchr(name, '/', length) != nullptr;
+        bool dots = (length == 1 && name[0] == '.') || (length == 2 && name[0] == '.' && name[1] == '.');
+        if (parentId == 0 ? length != 1 || name[0] != '.' : length == 0 || slash || dots) return false;
+        uint64_t nameOffset = uint64_t(reinterpret_cast<const uint8_t*>(name) - bytes_.data());
+        if (nameOffset > kNone) return false;
+        WalkNode walk{uint32_t(nameOffset), uint32_t(length), 0, 0};
+        NodeIndex node = NodeIndex(walk_.size());
+        if (inWalkOrder && !place(node, id, parentId, walk)) leaveWalkOrder(node);
+        if (!inWalkOrder) {
+            ids_.push_back(id);
+            parentIds.push_back(parentId);
+        }
+        walk_.push_back(walk);
+        infoBlocks_.push_back(infoBlock);
+        return true;
+    });
+    if (!read || walk_.empty()) return false;
+    if (inWalkOrder)
+        while (depth > 0) walk_[ancestors[--depth]].end = NodeIndex(walk_.size());
     return true;
 }
 
@@ -179,98 +231,132 @@ bool BOMReader::_readSize64() {
     return ok;
 }
 
-bool BOMReader::_linkParents() {
-    // A writer numbers items 1, 2, ... in leaf order, so an item's index is its id less one.
-    bool numberedInOrder = true;
-    for (size_t i = 0; i < nodes_.size() && numberedInOrder; ++i) numberedInOrder = nodes_[i].id == i + 1;
+// Links parents by id and renumbers the items in walk order. Every item has exactly one
+// parent, so an item the walk from the root does not reach sits on an id cycle.
+bool BOMReader::_orderByWalk(std::vector<uint32_t>& parentIds) {
+    const size_t count = walk_.size();
     IdIndex index;
-    if (!numberedInOrder) {
-        std::vector<uint32_t> ids(nodes_.size());
-        for (size_t i = 0; i < nodes_.size(); ++i) ids[i] = nodes_[i].id;
-        if (!index.build(ids)) return false;
-    }
-    parentsFirst_ = true;
-    for (NodeIndex i = 0; i < nodes_.size(); ++i) {
-        Node& node = nodes_[i];
-        if (node.parent == 0) {
-            if (root_) return false;
-            root_ = i;
-            node.parent = kNone;
+    if (!index.build(ids_)) return false;
+    std::optional<NodeIndex> root;
+    std::vector<uint32_t> start(count + 1, 0);  // children of item i: kids[start[i] .. start[i + 1])
+    for (NodeIndex i = 0; i < count; ++i) {
+        uint32_t& parent = parentIds[i];
+        if (parent == 0) {
+            if (root) return false;
+            root = i;
+            parent = kNone;
             continue;
         }
-        auto parent = numberedInOrder ? (node.parent <= nodes_.size() ? std::optional(node.parent - 1) : std::nullopt)
-                                      : index.find(node.parent);
-        if (!parent) return false;
-        node.parent = *parent;
-        parentsFirst_ = parentsFirst_ && *parent < i;
+        auto found = index.find(parent);
+        if (!found) return false;
+        parent = *found;
+        ++start[parent + 1];
     }
-    return root_.has_value();
-}
+    if (!root) return false;
+    for (size_t i = 1; i <= count; ++i) start[i] += start[i - 1];
+    std::vector<NodeIndex> kids(start.back());
+    {
+        std::vector<uint32_t> next(start.begin(), start.end() - 1);
+        for (NodeIndex i = 0; i < count; ++i)
+            if (parentIds[i] != kNone) kids[next[parentIds[i]]++] = i;
+    }
+    parentIds = {};
 
-bool BOMReader::_buildChildren() {
-    childStart_.assign(nodes_.size() + 1, 0);
-    for (const Node& node : nodes_)
-        if (node.parent != kNone) ++childStart_[node.parent + 1];
-    for (size_t i = 1; i < childStart_.size(); ++i) childStart_[i] += childStart_[i - 1];
-    children_.resize(childStart_.back());
-    std::vector<uint32_t> next(childStart_.begin(), childStart_.end() - 1);
-    for (NodeIndex i = 0; i < nodes_.size(); ++i)
-        if (nodes_[i].parent != kNone) children_[next[nodes_[i].parent]++] = i;
+    std::vector<NodeIndex> order;
+    order.reserve(count);
+    std::vector<WalkNode> walk;
+    walk.reserve(count);
+    struct Frame {
+        NodeIndex item;
+        uint32_t nextChild;
+        NodeIndex node;  // its new number
+    };
+    std::vector<Frame> stack;
+    auto visit = [&](NodeIndex item) {
+        WalkNode node = walk_[item];
+        node.depth = uint32_t(stack.size());
+        stack.push_back(Frame{item, start[item], NodeIndex(order.size())});
+        order.push_back(item);
+        walk.push_back(node);
+    };
+    visit(*root);
+    while (!stack.empty()) {
+        Frame& frame = stack.back();
+        if (frame.nextChild < start[frame.item + 1]) {
+            visit(kids[frame.nextChild++]);
+            continue;
+        }
+        walk[frame.node].end = NodeIndex(order.size());
+        stack.pop_back();
+    }
+    if (order.size() != count) return false;
+
+    std::vector<uint32_t> infoBlocks(count), ids(count);
+    for (NodeIndex node = 0; node < count; ++node) {
+        infoBlocks[node] = infoBlocks_[order[node]];
+        ids[node] = ids_[order[node]];
+    }
+    walk_ = std::move(walk);
+    infoBlocks_ = std::move(infoBlocks);
+    ids_ = std::move(ids);
     return true;
 }
 
-// Every item has exactly one parent, so an item the root cannot reach sits on an id cycle.
-// When every parent comes before its children, following parents always ends at the
-// root and no walk is needed.
-bool BOMReader::_allReachable() const {
-    if (parentsFirst_) return true;
-    std::vector<NodeIndex> stack{*root_};
-    size_t reached = 0;
-    while (!stack.empty()) {
-        NodeIndex node = stack.back();
-        stack.pop_back();
-        ++reached;
-        auto kids = children(node);
-        stack.insert(stack.end(), kids.begin(), kids.end());
+// In walk order a node's parent is the last node before it one level up.
+void BOMReader::_buildParents() const {
+    parents_.resize(walk_.size());
+    std::vector<NodeIndex> last;
+    for (NodeIndex node = 0; node < walk_.size(); ++node) {
+        uint32_t depth = walk_[node].depth;
+        last.resize(depth);
+        parents_[node] = depth == 0 ? kNone : last[depth - 1];
+        last.push_back(node);
     }
-    return reached == nodes_.size();
 }
 
-std::span<const NodeIndex> BOMReader::children(NodeIndex node) const {
-    return {children_.data() + childStart_[node], childStart_[node + 1] - childStart_[node]};
-}
-
-std::string_view BOMReader::name(NodeIndex node) const {
-    return {reinterpret_cast<const char*>(bytes_.data()) + nodes_[node].nameOffset, nodes_[node].nameLength};
-}
-
-std::optional<NodeIndex> BOMReader::parent(NodeIndex node) const {
-    return nodes_[node].parent == kNone ? std::nullopt : std::optional(nodes_[node].parent);
-}
-
-void BOMReader::_buildLookup() const {
+void BOMReader::_buildChildren() const {
+    std::call_once(parentsOnce_, [this] { _buildParents(); });
+    const size_t count = walk_.size();
+    childStart_.assign(count + 1, 0);
+    for (NodeIndex parent : parents_)
+        if (parent != kNone) ++childStart_[parent + 1];
+    for (size_t i = 1; i <= count; ++i) childStart_[i] += childStart_[i - 1];
+    children_.resize(childStart_.back());
+    std::vector<uint32_t> next(childStart_.begin(), childStart_.end() - 1);
+    for (NodeIndex i = 0; i < count; ++i)
+        if (parents_[i] != kNone) children_[next[parents_[i]]++] = i;
     sortedChildren_ = children_;
-    for (NodeIndex node = 0; node < nodes_.size(); ++node)
+    for (NodeIndex node = 0; node < count; ++node)
         std::sort(sortedChildren_.begin() + childStart_[node], sortedChildren_.begin() + childStart_[node + 1],
                   [this](NodeIndex a, NodeIndex b) { return name(a) < name(b); });
 }
 
+std::span<const NodeIndex> BOMReader::children(NodeIndex node) const {
+    std::call_once(childrenOnce_, [this] { _buildChildren(); });
+    return {children_.data() + childStart_[node], childStart_[node + 1] - childStart_[node]};
+}
+
+std::optional<NodeIndex> BOMReader::parent(NodeIndex node) const {
+    std::call_once(parentsOnce_, [this] { _buildParents(); });
+    return parents_[node] == kNone ? std::nullopt : std::optional(parents_[node]);
+}
+
 std::optional<NodeIndex> BOMReader::child(NodeIndex node, std::string_view childName) const {
-    std::call_once(lookupOnce_, [this] { _buildLookup(); });
+    std::call_once(childrenOnce_, [this] { _buildChildren(); });
     auto first = sortedChildren_.begin() + childStart_[node], last = sortedChildren_.begin() + childStart_[node + 1];
     auto it = std::lower_bound(first, last, childName, [this](NodeIndex a, std::string_view n) { return name(a) < n; });
     return it != last && name(*it) == childName ? std::optional(*it) : std::nullopt;
 }
 
-uint64_t BOMReader::_size(const Node& node, uint32_t storedSize) const {
+uint64_t BOMReader::_size(NodeIndex node, uint32_t storedSize) const {
     if (sizes64_.empty()) return storedSize;
-    auto it = std::lower_bound(sizes64_.begin(), sizes64_.end(), std::pair(node.id, uint64_t(0)));
-    return it != sizes64_.end() && it->first == node.id ? it->second : storedSize;
+    uint32_t id = _id(node);
+    auto it = std::lower_bound(sizes64_.begin(), sizes64_.end(), std::pair(id, uint64_t(0)));
+    return it != sizes64_.end() && it->first == id ? it->second : storedSize;
 }
 
-void BOMReader::fill(NodeIndex index, BOMEntry& entry) const {
-    const Node& node = nodes_[index];
-    auto info = *_block(node.infoBlock);  // checked at open
+void BOMReader::fill(NodeIndex node, BOMEntry& entry) const {
+    auto info = *_block(infoBlocks_[node]);  // checked at open
     const uint8_t* p = info.data();
     entry.type = p[0];
     entry.architecture = readU16(p + 2);
@@ -287,12 +373,13 @@ void BOMReader::fill(NodeIndex index, BOMEntry& entry) const {
     } else {
         entry.linkTarget.reset();
     }
-    entry.shortName.assign(name(index));
+    entry.shortName.assign(name(node));
 }
 
 uint64_t BOMReader::bytesRepresented() const {
     std::call_once(bytesOnce_, [this] {
-        for (const Node& node : nodes_) bytesRepresented_ += _size(node, readU32(_block(node.infoBlock)->data() + 18));
+        for (NodeIndex node = 0; node < walk_.size(); ++node)
+            bytesRepresented_ += _size(node, readU32(_block(infoBlocks_[node])->data() + 18));
     });
     return bytesRepresented_;
 }

@@ -1,7 +1,7 @@
-// Reads a BOM file in place. Opening checks the layout and builds a compact index (one
-// small record per item, the names left in the mapped bytes) for the walk and for
-// look-ups by path. A damaged or hostile file is refused at open: it never makes the
-// reader read outside its bytes, loop or recurse without bound.
+// Reads a BOM file in place. Opening checks the layout and builds a compact index for
+// the walk and for look-ups by path: the items renumbered in walk order, one small record
+// each, their names left in the mapped bytes. A damaged or hostile file is refused at
+// open: it never makes the reader read outside its bytes, loop or recurse without bound.
 #pragma once
 
 #include <memory>
@@ -19,23 +19,19 @@ public:
     // `owner` (may be null) is kept to guarantee that.
     static std::shared_ptr<BOMReader> open(std::span<const uint8_t> bytes, std::shared_ptr<const void> owner);
 
-    std::optional<NodeIndex> root() const override { return root_; }
+    std::optional<NodeIndex> root() const override { return std::optional<NodeIndex>(0); }
     std::span<const NodeIndex> children(NodeIndex node) const override;
-    std::string_view name(NodeIndex node) const override;
+    std::string_view name(NodeIndex node) const override {
+        return {walkOrder_.names + walk_[node].nameOffset, walk_[node].nameLength};
+    }
     std::optional<NodeIndex> parent(NodeIndex node) const override;
     std::optional<NodeIndex> child(NodeIndex node, std::string_view name) const override;
     void fill(NodeIndex node, BOMEntry& entry) const override;
-    uint32_t count() const override { return uint32_t(nodes_.size()); }
+    uint32_t count() const override { return uint32_t(walk_.size()); }
     uint64_t bytesRepresented() const override;
+    const WalkOrder* walkOrder() const override { return &walkOrder_; }
 
 private:
-    struct Node {
-        uint32_t id;
-        NodeIndex parent;  // the parent's id until the index is linked
-        uint32_t nameOffset;
-        uint32_t nameLength;
-        uint32_t infoBlock;
-    };
     struct Leaf;
 
     BOMReader(std::span<const uint8_t> bytes, std::shared_ptr<const void> owner);
@@ -56,25 +52,30 @@ private:
     }
     std::optional<uint32_t> _treeRoot(uint32_t headerBlock) const;
     template <typename Visit> bool _walkLeaves(uint32_t headerBlock, Visit&& visit) const;
-    bool _addPathPair(uint32_t valueBlock, uint32_t keyBlock);
+    bool _readPaths(uint32_t headerBlock, std::vector<uint32_t>& parentIds);
     bool _readSize64();
-    bool _linkParents();
-    bool _buildChildren();
-    bool _allReachable() const;
-    void _buildLookup() const;
-    uint64_t _size(const Node& node, uint32_t storedSize) const;
+    bool _orderByWalk(std::vector<uint32_t>& parentIds);
+    void _buildParents() const;
+    void _buildChildren() const;
+    uint32_t _id(NodeIndex node) const { return ids_.empty() ? node + 1 : ids_[node]; }
+    uint64_t _size(NodeIndex node, uint32_t storedSize) const;
 
     std::span<const uint8_t> bytes_;
     std::shared_ptr<const void> owner_;
     std::span<const uint8_t> blockTable_;  // the pairs, pair 0 included
-    std::vector<Node> nodes_;
-    std::vector<uint32_t> childStart_;  // children of node i: children_[childStart_[i] .. childStart_[i + 1])
-    std::vector<NodeIndex> children_;
+    // By node, in walk order once open.
+    std::vector<WalkNode> walk_;
+    std::vector<uint32_t> infoBlocks_;
+    std::vector<uint32_t> ids_;  // empty when every node's id is its index plus one, as a writer numbers them
+    WalkOrder walkOrder_{};
     std::vector<std::pair<uint32_t, uint64_t>> sizes64_;  // by id, ascending
-    std::optional<NodeIndex> root_;
-    bool parentsFirst_ = false;  // every parent's index is below its children's
-    // Children of each node ordered by name, made on the first look-up by path.
-    mutable std::once_flag lookupOnce_;
+    // Made on first request: each node's parent, and its children in walk order and
+    // ordered by name.
+    mutable std::once_flag parentsOnce_;
+    mutable std::vector<NodeIndex> parents_;
+    mutable std::once_flag childrenOnce_;
+    mutable std::vector<uint32_t> childStart_;  // children of node i: [childStart_[i], childStart_[i + 1])
+    mutable std::vector<NodeIndex> children_;
     mutable std::vector<NodeIndex> sortedChildren_;
     mutable std::once_flag bytesOnce_;
     mutable uint64_t bytesRepresented_ = 0;

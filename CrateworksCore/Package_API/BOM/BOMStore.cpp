@@ -9,18 +9,22 @@
 namespace crateworks::bom {
 
 BOMEnumerator::BOMEnumerator(std::shared_ptr<const BOMTree> tree, NodeIndex start, std::string startPath)
-    : tree_(std::move(tree)), last_(start) {
+    : tree_(std::move(tree)), walkOrder_(tree_->walkOrder()), last_(start) {
     entry_.pathName = std::move(startPath);
+    if (walkOrder_) {
+        stop_ = walkOrder_->nodes[start].end;
+        startDepth_ = walkOrder_->nodes[start].depth;
+        pathLengths_.push_back(entry_.pathName.size());
+    }
 }
 
-bool BOMEnumerator::advance() {
+bool BOMEnumerator::_advance() {
     if (!last_) return false;
     decoded_ = false;
     if (!started_) {
         started_ = true;
         return true;
     }
-    // The entry's path name doubles as the walk's path buffer.
     std::string& path = entry_.pathName;
     if (!skip_ && !tree_->children(*last_).empty()) stack_.push_back(Frame{*last_, 0, path.size()});
     skip_ = false;
@@ -29,9 +33,8 @@ bool BOMEnumerator::advance() {
         auto kids = tree_->children(frame.directory);
         if (frame.nextChild < kids.size()) {
             NodeIndex child = kids[frame.nextChild++];
-            path.resize(frame.pathLength);
-            path += '/';
-            path += tree_->name(child);
+            std::string_view name = tree_->name(child);
+            _setPath(frame.pathLength, name.data(), name.size());
             last_ = child;
             return true;
         }

@@ -4,6 +4,7 @@
 // BOMs to disk. CWBOM, CWMutableBOM and CWBOMDirectoryEnumerator sit on top of it.
 #pragma once
 
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <span>
@@ -32,7 +33,7 @@ public:
     // The next entry, valid until the next call; null at the end.
     const BOMEntry* next() { return advance() ? &entry() : nullptr; }
     // Moves to the next entry without decoding it; false at the end.
-    bool advance();
+    bool advance() { return walkOrder_ && started_ ? _advanceInWalkOrder() : _advance(); }
     // The stored path of the entry moved to last.
     const std::string& path() const { return entry_.pathName; }
     // The entry moved to last, decoded on the first request; only after advance() said true.
@@ -47,13 +48,48 @@ private:
         size_t pathLength;  // of the directory's path
     };
 
+    bool _advance();
+    // A subtree is the run of nodes up to its end, so the walk is a step to the next node
+    // or, when skipping, to the end of the entry's own subtree.
+    bool _advanceInWalkOrder() {
+        if (!last_) return false;
+        decoded_ = false;
+        NodeIndex next = skip_ ? walkOrder_->nodes[*last_].end : *last_ + 1;
+        skip_ = false;
+        if (next >= stop_) {
+            last_.reset();
+            return false;
+        }
+        const WalkNode& node = walkOrder_->nodes[next];
+        // The parent came before: it is the entry last reached one level up.
+        size_t level = node.depth - startDepth_;
+        if (level >= pathLengths_.size()) pathLengths_.resize(level + 1);
+        _setPath(pathLengths_[level - 1], walkOrder_->names + node.nameOffset, node.nameLength);
+        pathLengths_[level] = entry_.pathName.size();
+        last_ = next;
+        return true;
+    }
+    // The first `parentLength` bytes of the path, a slash and the name.
+    void _setPath(size_t parentLength, const char* name, size_t nameLength) {
+        std::string& path = entry_.pathName;
+        path.resize(parentLength + 1 + nameLength);
+        path[parentLength] = '/';
+        std::memcpy(path.data() + parentLength + 1, name, nameLength);
+    }
+
     std::shared_ptr<const BOMTree> tree_;
+    const WalkOrder* walkOrder_;  // null for a tree not numbered in walk order
     std::optional<NodeIndex> last_;  // absent before the first entry and after the last
     bool started_ = false;
     bool skip_ = false;
     bool decoded_ = false;
     std::vector<Frame> stack_;
-    BOMEntry entry_;
+    // In walk order: the end of the starting entry's subtree, its depth, and the path
+    // length of the entry last reached at each depth below it.
+    NodeIndex stop_ = 0;
+    uint32_t startDepth_ = 0;
+    std::vector<size_t> pathLengths_;
+    BOMEntry entry_;  // its path name doubles as the walk's path buffer
 };
 
 class BOMStore {

@@ -14,6 +14,21 @@ namespace crateworks::bom {
 
 using NodeIndex = uint32_t;
 
+// A node of a tree whose nodes are numbered in walk order: depth first, each directory
+// before its contents, children in the order the file lists them. A subtree is then the
+// run of nodes from its top to `end`.
+struct WalkNode {
+    uint32_t nameOffset;  // into WalkOrder::names
+    uint32_t nameLength;
+    NodeIndex end;   // the first node after the subtree
+    uint32_t depth;  // 0 for the root
+};
+
+struct WalkOrder {
+    const char* names;
+    std::span<const WalkNode> nodes;
+};
+
 class BOMTree {
 public:
     virtual ~BOMTree() = default;
@@ -31,6 +46,8 @@ public:
     virtual void fill(NodeIndex node, BOMEntry& entry) const = 0;
     virtual uint32_t count() const = 0;
     virtual uint64_t bytesRepresented() const = 0;
+    // The tree's nodes in walk order, for a tree numbered that way; null otherwise.
+    virtual const WalkOrder* walkOrder() const { return nullptr; }
 
     // The node at a stored path ("." or "./a/b"); empty components are ignored.
     std::optional<NodeIndex> find(std::string_view path) const;

@@ -6,6 +6,7 @@
 #include <sys/sysmacros.h>
 
 #include "BOMTestSupport.h"
+#include "CrateworksCore/Package_API/BOM/CWBOMDirectoryEnumerator.h"
 #include "CrateworksCore/Package_API/BOM/CWMutableBOM.h"
 #include "Platform/FileSystem.h"
 #include "support/TempDir.h"
@@ -239,6 +240,55 @@ TEST(BOMRoundTrip, ReaderFollowsTheKeysNotTheLeafOrder) {
     EXPECT_EQ(std::vector<std::string>({"b", "b/3", "a", "a/2", "a/1"}), bomtest::walk(read));
     EXPECT_TRUE(read->attributesOfItemAtPath("a/1"));
     EXPECT_TRUE(read->attributesOfItemAtPath("b/3"));
+}
+
+// A file that keeps to the writer's numbering for a while and then departs from it: what
+// was read in walk order must be linked again by id, big sizes staying with their items.
+TEST(BOMRoundTrip, ItemsLeavingTheWritersOrderPartWayAreLinkedByTheirKeys) {
+    testsupport::TempDir dir;
+    bomtest::SampleBOM(dir / "p.bom")
+        .directory("a")
+        .file("a/1", 1)
+        .file("a/2", 1ull << 40)
+        .directory("b")
+        .directory("b/d")
+        .file("b/d/3", 3)
+        .directory("c")
+        .file("c/4", 1ull << 33)
+        .commit();
+    bomtest::BOMBytes b(bomtest::readBytes(dir / "p.bom"));
+    auto names = [](const std::vector<bomtest::BOMBytes::Item>& items) {
+        std::vector<std::string> out;
+        for (const auto& item : items) out.push_back(item.name);
+        return out;
+    };
+    ASSERT_EQ(std::vector<std::string>({".", "a", "1", "2", "b", "d", "3", "c", "4"}), names(b.items()));
+    // "4" now comes before its directory "c".
+    uint32_t leaf = b.leaves(b.variable("Paths")).front();
+    size_t last = b.address(leaf) + 12 + size_t(b.u16(b.address(leaf) + 2) - 1) * 8;
+    for (int k = 0; k < 8; ++k) std::swap(b.bytes[last + k], b.bytes[last - 8 + k]);
+    ASSERT_EQ(std::vector<std::string>({".", "a", "1", "2", "b", "d", "3", "4", "c"}), names(b.items()));
+
+    auto read = b.open();
+    ASSERT_TRUE(read);
+    EXPECT_EQ(std::vector<std::string>({"a", "a/1", "a/2", "b", "b/d", "b/d/3", "c", "c/4"}), bomtest::walk(read));
+    EXPECT_EQ(9u, read->fileCount());
+    auto size = [&](const std::string& path) {
+        return read->attributesOfItemAtPath(path)->find(platform::fs::kFileSize)->unsignedInteger();
+    };
+    EXPECT_EQ(uint64_t(1) << 40, size("a/2"));
+    EXPECT_EQ(uint64_t(1) << 33, size("c/4"));
+    EXPECT_EQ(uint64_t(3), size("b/d/3"));
+    EXPECT_EQ(std::vector<std::string>({"b", "b/d", "b/d/3"}), *read->subpathsOfDirectoryAtPath("b"));
+    EXPECT_EQ(std::vector<std::string>({"c", "c/4"}), *read->subpathsOfDirectoryAtPath("c"));
+
+    auto walk = read->directoryEnumerator();
+    std::vector<std::string> seen;
+    while (auto next = walk->nextObject()) {
+        seen.push_back(*next);
+        if (*next == "b/d" || *next == "a") walk->skipDescendants();
+    }
+    EXPECT_EQ(std::vector<std::string>({"a", "b", "b/d", "c", "c/4"}), seen);
 }
 
 TEST(BOMRoundTrip, ReadOnlyStoresRefuseChanges) {

@@ -142,6 +142,10 @@ TEST_F(CWBOMTest, WalkIsDepthFirstByNameAndSkipsSubtrees) {
 TEST_F(CWBOMTest, SubpathsCountsAndSizes) {
     EXPECT_EQ(std::vector<std::string>({"usr/lib", "usr/lib/libc.so"}), *bom->subpathsOfDirectoryAtPath("usr/lib"));
     EXPECT_EQ(std::vector<std::string>({"etc/hosts"}), *bom->subpathsOfDirectoryAtPath("./etc/hosts"));
+    // A subtree with siblings after it stops at its own end.
+    EXPECT_EQ(std::vector<std::string>({"usr/bin", "usr/bin/bash", "usr/bin/dangling", "usr/bin/ls", "usr/bin/sh"}),
+              *bom->subpathsOfDirectoryAtPath("usr/bin"));
+    EXPECT_EQ(std::vector<std::string>({"etc", "etc/hosts"}), *bom->subpathsOfDirectoryAtPath("etc"));
     auto all = bom->subpathsOfDirectoryAtPath(".");
     ASSERT_TRUE(all);
     EXPECT_EQ(".", all->front());
