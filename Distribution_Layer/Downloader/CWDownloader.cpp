@@ -324,7 +324,11 @@ void CWDownloader::_updateDownloadSpeed() {
 // Transfer callbacks
 
 CWDownloader::Element CWDownloader::_elementForDownload(CWDownload& download) const {
-    return _queue->activeElementForURL(download.sourceURL().absoluteString());
+    Element element = _queue->activeElementForURL(download.sourceURL().absoluteString());
+    // A late word from a transfer that was cancelled or replaced says nothing about the
+    // element's current one.
+    if (!element || element->download().get() != &download) return nullptr;
+    return element;
 }
 
 std::optional<platform::URLRequest> CWDownloader::downloadWillSendRequestRedirectResponse(
@@ -372,7 +376,7 @@ void CWDownloader::downloadDidCheckDataOfLength(CWDownload& download, uint64_t l
 
 void CWDownloader::downloadDidFinish(CWDownload& download) {
     Element element = _elementForDownload(download);
-    if (!element || element->download().get() != &download) return;
+    if (!element) return;
     // The element held the download; keep it alive until this call is over.
     std::shared_ptr<CWDownload> finished = element->download();
     element->setDownload(nullptr);
@@ -381,7 +385,7 @@ void CWDownloader::downloadDidFinish(CWDownload& download) {
 
 void CWDownloader::downloadDidFailWithError(CWDownload& download, const platform::Error& error) {
     Element element = _elementForDownload(download);
-    if (!element || element->download().get() != &download) return;
+    if (!element) return;
     std::shared_ptr<CWDownload> failed = element->download();
     _cancelDownloadCapturingResumeData(element);
     element->setDownload(nullptr);
