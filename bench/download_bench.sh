@@ -21,27 +21,9 @@ trap cleanup EXIT
 
 mkdir -p "$work/html"
 head -c $((1 << 30)) /dev/urandom > "$work/html/big.bin"
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-cat > "$work/nginx.conf" <<CONF
-daemon off;
-master_process off;
-pid $work/nginx.pid;
-error_log $work/error.log warn;
-events { worker_connections 64; }
-http {
-    access_log off;
-    client_body_temp_path $work/tmp;
-    proxy_temp_path $work/tmp;
-    fastcgi_temp_path $work/tmp;
-    uwsgi_temp_path $work/tmp;
-    scgi_temp_path $work/tmp;
-    sendfile on;
-    server { listen 127.0.0.1:$port; root $work/html; }
-}
-CONF
-/usr/sbin/nginx -p "$work" -c "$work/nginx.conf" &
-nginx_pid=$!
-for _ in $(seq 100); do curl -s -o /dev/null "http://127.0.0.1:$port/" && break; sleep 0.05; done
+# shellcheck source=bench/nginx.sh
+source bench/nginx.sh
+start_nginx "$work"
 
 url="http://127.0.0.1:$port/big.bin"
 seconds() { local s e; s=$(date +%s.%N); "$@"; e=$(date +%s.%N); python3 -c "print($e - $s)"; }
