@@ -217,6 +217,11 @@ bool moveItem(const std::string& from, const std::string& to, Error* error) {
     return fail(error, to);
 }
 
+bool isRegularFile(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 std::optional<uint64_t> fileSize(const std::string& path) {
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0) return std::nullopt;

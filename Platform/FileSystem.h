@@ -77,6 +77,8 @@ bool writeAll(int fd, std::span<const uint8_t> bytes);
 bool removeItem(const std::string& path, Error* error = nullptr);  // unlink, or rmdir for a directory
 // rename(2): replaces an item at `to` (a symbolic link there is replaced, not followed).
 bool moveItem(const std::string& from, const std::string& to, Error* error = nullptr);
+// Whether the path leads to a regular file, following symbolic links.
+bool isRegularFile(const std::string& path);
 // The size of the item itself (a final symbolic link not followed); absent when it cannot be read.
 std::optional<uint64_t> fileSize(const std::string& path);
 // Reads a file front to back in pieces of at most `chunkSize` bytes, reusing one buffer,

@@ -1,5 +1,6 @@
 #include "Distribution_Layer/Downloader/CWDownloader.h"
 
+#include <cerrno>
 #include <fmt/format.h>
 #include <mutex>
 #include <thread>
@@ -210,14 +211,20 @@ void CWDownloader::startQueue() {
 }
 
 void CWDownloader::stopQueue() {
+    // Cancelling a local copy runs the loop until its thread is done, so callbacks queued
+    // before it may run in the middle of this: nothing may start meanwhile, and a transfer
+    // that finished or failed in there is no longer this element's to stop.
+    _isStopping = true;
     for (const auto& element : _queue->activeElements()) {
         std::shared_ptr<CWDownload> download = element->download();
         if (!download) continue;
         download->cancel();
+        if (element->download() != download || _queue->activeElementForURL(element->URLString()) != element) continue;
         if (!_cancelDownloadCapturingResumeData(element)) _queue->revertElement(element, false);
         element->setDownload(nullptr);
         _queue->deactivateElement(element);
     }
+    _isStopping = false;
     _performOnMainThread([](CWDownloader& self) {
         if (self._progressTimer) self._progressTimer->invalidate();
         self._progressTimer.reset();
@@ -242,7 +249,7 @@ void CWDownloader::_notifyDelegateIfQueueStopped(std::optional<bool> stopped) {
 
 void CWDownloader::_startQueuedDownloads() {
     _performOnMainThread([](CWDownloader& self) { self._notifyDelegateIfQueueStopped(std::nullopt); });
-    if (!_isQueueRunning) return;
+    if (!_isQueueRunning || _isStopping) return;
     while (auto element = _queue->activateNextElement()) _startDownloadForQueueElement(element);
     if (_queue->isEmpty()) stopQueue();
 }
@@ -277,7 +284,10 @@ void CWDownloader::_startDownloadForQueueElement(const Element& element) {
         platform::Error error{platform::kURLErrorDomain, platform::kURLErrorUnsupportedURL,
                               platform::Dictionary{{platform::kURLErrorFailingURLStringKey, url.absoluteString()},
                                                    {platform::kErrorDescriptionKey, "unsupported URL"}}};
-        _performOnMainThread([element, error](CWDownloader& self) { self._elementDidFailWithError(element, error); });
+        _performOnMainThread([element, error](CWDownloader& self) {
+            if (self._queue->activeElementForURL(element->URLString()) == element)
+                self._elementDidFailWithError(element, error);
+        });
         return;
     }
     download->setDestination(element->partialPath(), true);
@@ -323,12 +333,13 @@ void CWDownloader::_updateDownloadSpeed() {
 
 // Transfer callbacks
 
+// By the transfer itself rather than by its source URL: a file download rebuilds its URL
+// from its path, which need not give the text the element is keyed by; and a late word
+// from a transfer that was cancelled or replaced says nothing about the current one.
 CWDownloader::Element CWDownloader::_elementForDownload(CWDownload& download) const {
-    Element element = _queue->activeElementForURL(download.sourceURL().absoluteString());
-    // A late word from a transfer that was cancelled or replaced says nothing about the
-    // element's current one.
-    if (!element || element->download().get() != &download) return nullptr;
-    return element;
+    for (const auto& element : _queue->activeElements())
+        if (element->download().get() == &download) return element;
+    return nullptr;
 }
 
 std::optional<platform::URLRequest> CWDownloader::downloadWillSendRequestRedirectResponse(
@@ -365,6 +376,30 @@ void CWDownloader::downloadDidReceiveDataOfLength(CWDownload& download, uint64_t
     if (!element) return;
     _queue->gotDataOfLength(length, *element);
     _downloadTracker->didGetBytes(length);
+    uint64_t size = element->packageReference()->fileSize();
+    if (size > 0 && element->downloadedBytes() > size) _abandonOversizedDownload(element);
+}
+
+// A source that sends more than the package's size would otherwise fill the disk before
+// any check could refuse it. The transfer is let go at once, so that nothing more of it
+// counts, and stopped from the loop, outside its own callback.
+void CWDownloader::_abandonOversizedDownload(const Element& element) {
+    std::shared_ptr<CWDownload> download = element->download();
+    element->setDownload(nullptr);
+    download->setDelegate(nullptr);
+    _performOnMainThread([element, download](CWDownloader& self) {
+        download->cancel();
+        platform::fs::removeItem(element->partialPath());
+        platform::fs::removeItem(element->resumeDataPath());
+        if (self._queue->activeElementForURL(element->URLString()) != element) return;
+        platform::Error error{platform::kURLErrorDomain, platform::kURLErrorCannotWriteToFile,
+                              platform::Dictionary{
+                                  {platform::kURLErrorFailingURLStringKey, element->URLString()},
+                                  {platform::kErrorDescriptionKey,
+                                   fmt::format("more than the package's {} bytes arrived",
+                                               element->packageReference()->fileSize())}}};
+        self._elementDidFailWithError(element, error);
+    });
 }
 
 void CWDownloader::downloadDidCheckDataOfLength(CWDownload& download, uint64_t length) {
@@ -480,10 +515,17 @@ void CWDownloader::_startFileCopyForQueueElement(const Element& element) {
         platform::thread::setCurrentName(kCopyThreadName);
         FH_ASSERT_AT_LINE("-[CWDownloader _startFileCopyForQueueElement:]", 391, concurrency == 1,
                           "file: URL copying hack is not designed for concurrent downloads");
-        std::string partial = element->partialPath();
+        std::string partial = element->partialPath(), source = element->packageReference()->URL().path();
         platform::fs::removeItem(partial);
+        // A copy starts over; resume data left by a transfer has nothing to say to it.
+        platform::fs::removeItem(element->resumeDataPath());
         platform::Error error;
-        if (!platform::fs::copyItem(element->packageReference()->URL().path(), partial, &error)) {
+        // Only a file's bytes: not a tree, a device or a pipe that never ends.
+        if (!platform::fs::isRegularFile(source)) {
+            finish(platform::fs::posixError(EINVAL, source));
+            return;
+        }
+        if (!platform::fs::copyItem(source, partial, &error)) {
             finish(error);
             return;
         }

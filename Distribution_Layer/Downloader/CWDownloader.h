@@ -117,6 +117,7 @@ private:
     void _elementDidFinish(const Element& element, const std::shared_ptr<CWDownload>& download);
     void _postProcessDownload(const Element& element, bool succeeded);
     void _elementDidFailWithError(const Element& element, const std::optional<platform::Error>& error);
+    void _abandonOversizedDownload(const Element& element);
     void _finishFileCopyWithResult(const Element& element, const std::optional<platform::Error>& error);
     // Runs `call` on the main thread later, if the downloader is still there then.
     void _performOnMainThread(std::function<void(CWDownloader&)> call);
@@ -124,6 +125,7 @@ private:
     CWDownloaderDelegate* _delegate;
     std::unique_ptr<CWDownloaderQueue> _queue;
     bool _isQueueRunning = false;
+    bool _isStopping = false;
     bool _stopNotificationPending = false;
     std::shared_ptr<CWDownloaderSpeedTracker> _downloadTracker;
     std::shared_ptr<CWDownloaderSpeedTracker> _checksumTracker;
