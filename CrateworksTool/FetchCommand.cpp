@@ -6,8 +6,7 @@
 // more. One that still fails leaves nothing under its name, except that a transfer cut
 // off midway keeps NAME.partial and NAME.partialState so that the next run resumes it.
 // SIGINT stops the queue the same way and exits 130.
-//
-// A package already in DEST whose size and MD5 match its reference is not fetched again.
+#include <algorithm>
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
@@ -36,7 +35,8 @@ using Reference = std::shared_ptr<CWPackageReference>;
 constexpr const char* kUsage = "fetch PRODUCT_URL DEST [--jobs N] [--min-trust LEVEL] [--cacert FILE]";
 constexpr const char* kTrustLevelKey = "CWTrustLevel";
 constexpr int kInterruptedStatus = 130;
-// More concurrent transfers than this would only contend for the same link.
+// More concurrent transfers than this would only contend for the same link; a larger
+// --jobs is taken as this many.
 constexpr uint64_t kMaxJobs = 64;
 constexpr size_t kBarWidth = 20;
 
@@ -47,12 +47,13 @@ struct Arguments {
     std::optional<std::string> caFile;
 };
 
+// A whole number of at least 1, however long; absent for anything else.
 std::optional<uint64_t> parseJobs(const std::string& text) {
-    if (text.empty() || text.size() > 3 || text.find_first_not_of("0123456789") != std::string::npos)
-        return std::nullopt;
-    uint64_t jobs = std::stoull(text);
-    if (jobs < 1 || jobs > kMaxJobs) return std::nullopt;
-    return jobs;
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return std::nullopt;
+    size_t first = text.find_first_not_of('0');
+    if (first == std::string::npos) return std::nullopt;
+    if (text.size() - first > 3) return kMaxJobs;
+    return std::min(kMaxJobs, uint64_t(std::stoull(text.substr(first))));
 }
 
 std::optional<Arguments> parse(const std::vector<std::string>& args) {
@@ -97,6 +98,14 @@ std::optional<platform::URL> productURL(const std::string& text) {
     return platform::URL::fileURL(platform::path::appendComponent(cwd, text));
 }
 
+// A finished line never holds the word "failed", whatever a product calls its packages:
+// there it is written with its first letter escaped.
+std::string neverFailed(std::string text) {
+    for (size_t at = text.find("failed"); at != std::string::npos; at = text.find("failed", at + 8))
+        text.replace(at, 1, "%66");
+    return text;
+}
+
 bool isHTTPError(const platform::Error& error) {
     return error.domain == platform::kURLErrorDomain && error.userInfo.find(platform::kURLErrorHTTPStatusKey);
 }
@@ -119,7 +128,7 @@ public:
 
     void packageDownloaderDidFinishPackageReference(CWDownloader&, const Reference& reference,
                                                     const Reference&) override {
-        reportFetched(*reference, "fetched");
+        reportFetched(*reference);
     }
 
     bool packageDownloaderShouldRetryFailedPackageReference(CWDownloader&, const Reference& reference,
@@ -149,8 +158,9 @@ public:
         crateworks::CWURLConnection::didReceiveAuthenticationChallenge(challenge);
     }
 
-    void reportFetched(const CWPackageReference& reference, const char* how) {
-        _printLine(fmt::format("{}\t{}\t{}", how, tool::printable(reference.identifier()), _name(reference)));
+    void reportFetched(const CWPackageReference& reference) {
+        _printLine(fmt::format("fetched\t{}\t{}", neverFailed(tool::printable(reference.identifier())),
+                               neverFailed(_name(reference))));
     }
 
     // Leaves the bar's line for good.
@@ -176,8 +186,8 @@ private:
         ++failures_;
         // Whatever is under the package's name is not the package.
         platform::fs::removeItem(_path(reference));
-        _printLine(fmt::format("failed\t{}\t{}\t{}", tool::printable(reference.identifier()), _name(reference),
-                               tool::printable(why)));
+        _printLine(fmt::format("failed\t{}\t{}\t{}", tool::printable(reference.identifier()),
+                               tool::printable(_name(reference)), tool::printable(why)));
     }
 
     void _printLine(const std::string& line) {
@@ -215,13 +225,21 @@ int fail(const std::string& what, const std::string& why) {
 }
 
 // The packages to fetch, each once. Absent, with a message printed, when a package's
-// file name cannot be used or two different packages would share one.
+// file name cannot be used, two different packages would share one, or a product from
+// the network names a file on this machine.
 std::optional<std::vector<Reference>> packagesToFetch(const crateworks::CWProduct& product) {
     std::vector<Reference> packages;
     std::map<std::string, Reference> byName;
     for (const auto& reference : product.allPackageReferences()) {
+        if (reference->URL().isFileURL() && !product.URL().isFileURL()) {
+            fail(product.URL().absoluteString(),
+                 fmt::format("package {} is a local file named by a product from the network",
+                             tool::printable(reference->URL().absoluteString())));
+            return std::nullopt;
+        }
         std::string name = platform::path::lastComponent(reference->URL().path());
-        if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+        bool control = std::any_of(name.begin(), name.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7f; });
+        if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos || control) {
             fail(product.URL().absoluteString(),
                  fmt::format("package {} has no usable file name", tool::printable(reference->URL().absoluteString())));
             return std::nullopt;
@@ -244,16 +262,6 @@ std::optional<std::vector<Reference>> packagesToFetch(const crateworks::CWProduc
     return packages;
 }
 
-// Whether DEST already holds the package: a regular file of its size and MD5.
-bool alreadyFetched(const CWPackageReference& reference, const std::string& path) {
-    auto md5 = reference.MD5();
-    if (!md5 || md5->empty()) return false;
-    const char* type = platform::fs::fileType(path);
-    if (!type || std::string_view(type) != platform::fs::kFileTypeRegular) return false;
-    if (platform::fs::fileSize(path) != reference.fileSize()) return false;
-    return crateworks::downloader_checks::checksumMatches(path, *md5, [](uint64_t) {});
-}
-
 int fetchMain(const std::vector<std::string>& args) {
     auto parsed = parse(args);
     if (!parsed) {
@@ -266,6 +274,11 @@ int fetchMain(const std::vector<std::string>& args) {
     crateworks::CWSecureURLDownload::setCertificateAuthorityFile(parsed->caFile);
     auto loop = platform::RunLoop::current();
     platform::RunLoop::makeCurrentThreadMain();
+    tool::catchInterrupt(*loop);
+    auto interruptedBeforeStart = [] {
+        fmt::print(stderr, "crateworks fetch: interrupted before anything was fetched\n");
+        return kInterruptedStatus;
+    };
 
     platform::Error error;
     auto product = crateworks::CWProduct::productByLoadingProductAtURL(*url, &error);
@@ -278,6 +291,7 @@ int fetchMain(const std::vector<std::string>& args) {
                     fmt::format("trust level {} is below the minimum {}", tool::describeTrustLevel(int32_t(*level->integer())),
                                 tool::describeTrustLevel(parsed->minimumTrust.value_or(0))));
     }
+    if (tool::interrupted()) return interruptedBeforeStart();
     auto packages = packagesToFetch(*product);
     if (!packages) return 1;
 
@@ -293,17 +307,20 @@ int fetchMain(const std::vector<std::string>& args) {
     fetch.setDownloader(downloader.get());
     downloader->setMaxConcurrentDownloadCount(parsed->jobs);
     for (const auto& reference : *packages) {
-        std::string path = platform::path::appendComponent(parsed->dest, platform::path::lastComponent(reference->URL().path()));
-        if (alreadyFetched(*reference, path)) fetch.reportFetched(*reference, "present");
-        else downloader->queuePackageReference(*reference, path);
+        std::string path =
+            platform::path::appendComponent(parsed->dest, platform::path::lastComponent(reference->URL().path()));
+        // A local file is copied again from its start: resume data would only append to it.
+        if (reference->URL().isFileURL()) platform::fs::removeItem(path + ".partialState");
+        downloader->queuePackageReference(*reference, path);
     }
 
-    tool::catchInterrupt(*loop);
     downloader->startQueue();
     loop->runUntil([&] { return fetch.stopped() || tool::interrupted(); });
     if (tool::interrupted()) {
-        // Keeps each active transfer's resume data beside its partial file.
+        // Keeps each active transfer's resume data beside its partial file, and lets a
+        // package already being checked finish, so that no check runs on at exit.
         downloader->stopQueue();
+        loop->runUntil([&] { return fetch.stopped(); });
         fetch.finish();
         fmt::print(stderr, "crateworks fetch: interrupted; run it again to resume\n");
         return kInterruptedStatus;

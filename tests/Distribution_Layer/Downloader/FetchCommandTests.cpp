@@ -127,11 +127,12 @@ TEST_F(FetchCommandTests, ThreePackagesAreFetchedCheckedAndReportedOneLineEach) 
         EXPECT_EQ(out.find("failed"), std::string::npos);
         EXPECT_EQ(err, "");
     }
-    // A second run finds every package in place and fetches nothing.
-    std::filesystem::remove_all(nginx.root() + "/files/three/A.bin");
+    // A second run fetches every package again and replaces what is there.
+    writeFile(dest + "/B.bin", "stale");
     std::string out;
-    EXPECT_EQ(run({url, dest}, &out), 0);
-    EXPECT_EQ(count(out, "present"), 3u) << out;
+    EXPECT_EQ(run({url, dest, "--jobs", "1000"}, &out), 0);
+    EXPECT_EQ(count(out, "fetched"), 3u) << out;
+    EXPECT_EQ(readFile(dest + "/B.bin"), "bee");
 }
 
 TEST_F(FetchCommandTests, FailedPackagesAreRetriedOnceAndLeaveNothingWhileTheOthersArrive) {
@@ -159,6 +160,48 @@ TEST_F(FetchCommandTests, FailedPackagesAreRetriedOnceAndLeaveNothingWhileTheOth
     std::string goodLine = out.substr(out.rfind('\n', good) + 1, out.find('\n', good) - out.rfind('\n', good) - 1);
     EXPECT_EQ(goodLine.find("failed"), std::string::npos) << goodLine;
     EXPECT_EQ(count(err, "\n"), 1u) << err;
+}
+
+TEST_F(FetchCommandTests, WhatAProductCallsItsPackagesCannotForgeLinesOrLoseThem) {
+    // A name with "failed" in it is still a finished line; an escaped "+" in a local
+    // product's package URL still finds its way back to its package.
+    std::string root = dir / "local";
+    writeFile(root + "/a+b.bin", "plus");
+    writeFile(root + "/failed-helper.bin", "helper");
+    platform::Array list;
+    for (auto [url, body] : {std::pair{"a%2Bb.bin", "plus"}, {"failed-helper.bin", "helper"}})
+        list.push_back(platform::Dictionary{{"URL", url}, {"Identifier", "com.example.failed"}, {"Version", "1"},
+                                            {"Size", platform::Value(int64_t(std::string(body).size()))},
+                                            {"MD5", md5(body)}});
+    ASSERT_TRUE(platform::plist::writeXMLFile(platform::Value(platform::Dictionary{{"Packages", list}}),
+                                              root + "/index.product"));
+    for (const char* jobs : {"1", "2"}) {
+        std::filesystem::remove_all(dest);
+        std::string out, err;
+        ASSERT_EQ(run({root, dest, "--jobs", jobs}, &out, &err), 0) << err;
+        EXPECT_EQ(destNames(), (std::vector<std::string>{"a+b.bin", "failed-helper.bin"}));
+        EXPECT_EQ(count(out, "fetched"), 2u) << out;
+        EXPECT_EQ(out.find("failed"), std::string::npos) << out;
+    }
+}
+
+TEST_F(FetchCommandTests, ASourceSendingMoreThanThePackageSizeIsCutOff) {
+    std::string body = FaultServer::body(1);
+    // The index says 1000 bytes; the server sends 300,000 with the right digest.
+    std::string url = product("long", {{faults.url("/long/p.bin"), "com.example.long", body}});
+    std::string index = nginx.root() + "/files/long/index.product";
+    auto dictionary = platform::plist::readDictionaryFile(index);
+    ASSERT_TRUE(dictionary);
+    platform::Array packages = *dictionary->find("Packages")->array();
+    platform::Dictionary entry = *packages[0].dictionary();
+    entry.set("Size", platform::Value(int64_t(1000)));
+    packages[0] = platform::Value(entry);
+    dictionary->set("Packages", platform::Value(packages));
+    ASSERT_TRUE(platform::plist::writeXMLFile(platform::Value(*dictionary), index));
+    std::string out, err;
+    EXPECT_EQ(run({url, dest}, &out, &err), 1);
+    EXPECT_NE(out.find("more than the package's 1000 bytes"), std::string::npos) << out;
+    EXPECT_TRUE(destNames().empty());
 }
 
 TEST_F(FetchCommandTests, A500OnceAndACutOffTransferSucceedOnTheirRetry) {
@@ -319,7 +362,10 @@ TEST_F(FetchCommandTests, WrongCallsAndUnusableProductsWriteNothing) {
     for (const auto& clash : std::vector<std::vector<Package>>{
              {{"one/x.bin", "com.example.one", "1"}, {"two/x.bin", "com.example.two", "2"}},
              {{"x.bin", "com.example.x", "1"}, {"x.bin.partial", "com.example.y", "2"}},
-             {{faults.url("/"), "com.example.root", "1"}}}) {
+             {{faults.url("/"), "com.example.root", "1"}},
+             {{faults.url("/nul%00.bin"), "com.example.nul", "1"}},
+             {{faults.url("/line%0Afailed.bin"), "com.example.newline", "1"}},
+             {{"file:///etc/passwd", "com.example.local", "1"}}}) {
         std::filesystem::remove_all(nginx.root() + "/files/clash");
         EXPECT_EQ(run({product("clash", clash), dest}, nullptr, &err), 1);
         EXPECT_EQ(count(err, "\n"), 1u) << err;
