@@ -301,6 +301,7 @@ bool CWDownloader::_cancelDownloadCapturingResumeData(const Element& element) {
     if (resumeData) {
         platform::fs::removeItem(element->resumeDataPath());
         if (platform::fs::writeFile(element->resumeDataPath(), *resumeData)) return true;
+        // Resume data that could not be kept is no resume data: the package starts over.
         platform::fs::removeItem(element->resumeDataPath());
     }
     platform::fs::removeItem(element->partialPath());
