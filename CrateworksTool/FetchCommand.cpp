@@ -106,6 +106,11 @@ std::string neverFailed(std::string text) {
     return text;
 }
 
+// A package's file name in DEST: the last component of its URL's path.
+std::string fileName(const CWPackageReference& reference) {
+    return platform::path::lastComponent(reference.URL().path());
+}
+
 bool isHTTPError(const platform::Error& error) {
     return error.domain == platform::kURLErrorDomain && error.userInfo.find(platform::kURLErrorHTTPStatusKey);
 }
@@ -160,7 +165,7 @@ public:
 
     void reportFetched(const CWPackageReference& reference) {
         _printLine(fmt::format("fetched\t{}\t{}", neverFailed(tool::printable(reference.identifier())),
-                               neverFailed(_name(reference))));
+                               neverFailed(fileName(reference))));
     }
 
     // Leaves the bar's line for good.
@@ -170,11 +175,8 @@ public:
     }
 
 private:
-    static std::string _name(const CWPackageReference& reference) {
-        return platform::path::lastComponent(reference.URL().path());
-    }
     std::string _path(const CWPackageReference& reference) const {
-        return platform::path::appendComponent(dest_, _name(reference));
+        return platform::path::appendComponent(dest_, fileName(reference));
     }
 
     void _removeSideFiles(const CWPackageReference& reference) {
@@ -187,7 +189,7 @@ private:
         // Whatever is under the package's name is not the package.
         platform::fs::removeItem(_path(reference));
         _printLine(fmt::format("failed\t{}\t{}\t{}", tool::printable(reference.identifier()),
-                               tool::printable(_name(reference)), tool::printable(why)));
+                               tool::printable(fileName(reference)), tool::printable(why)));
     }
 
     void _printLine(const std::string& line) {
@@ -237,7 +239,7 @@ std::optional<std::vector<Reference>> packagesToFetch(const crateworks::CWProduc
                              tool::printable(reference->URL().absoluteString())));
             return std::nullopt;
         }
-        std::string name = platform::path::lastComponent(reference->URL().path());
+        std::string name = fileName(*reference);
         bool control = std::any_of(name.begin(), name.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7f; });
         if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos || control) {
             fail(product.URL().absoluteString(),
@@ -307,8 +309,7 @@ int fetchMain(const std::vector<std::string>& args) {
     fetch.setDownloader(downloader.get());
     downloader->setMaxConcurrentDownloadCount(parsed->jobs);
     for (const auto& reference : *packages) {
-        std::string path =
-            platform::path::appendComponent(parsed->dest, platform::path::lastComponent(reference->URL().path()));
+        std::string path = platform::path::appendComponent(parsed->dest, fileName(*reference));
         // A local file is copied again from its start: resume data would only append to it.
         if (reference->URL().isFileURL()) platform::fs::removeItem(path + ".partialState");
         downloader->queuePackageReference(*reference, path);

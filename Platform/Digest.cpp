@@ -1,8 +1,8 @@
 #include "Platform/Digest.h"
 
-#include <fcntl.h>
 #include <openssl/evp.h>
-#include <unistd.h>
+
+#include "Platform/FileSystem.h"
 
 namespace platform::digest {
 
@@ -67,20 +67,12 @@ Data compute(Algorithm algorithm, std::span<const uint8_t> bytes) {
 }
 
 std::optional<Data> ofFile(Algorithm algorithm, const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
     Hasher h(algorithm);
-    std::vector<uint8_t> buf(1 << 16);
-    for (;;) {
-        ssize_t n = read(fd, buf.data(), buf.size());
-        if (n < 0) {
-            close(fd);
-            return std::nullopt;
-        }
-        if (n == 0) break;
-        h.update(std::span(buf.data(), size_t(n)));
-    }
-    close(fd);
+    bool read = fs::readInChunks(path, size_t(1) << 16, [&](std::span<const uint8_t> chunk) {
+        h.update(chunk);
+        return true;
+    });
+    if (!read) return std::nullopt;
     return h.finish();
 }
 

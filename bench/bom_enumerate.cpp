@@ -17,21 +17,17 @@
 
 #include "CrateworksCore/Package_API/BOM/CWBOMDirectoryEnumerator.h"
 #include "CrateworksCore/Package_API/BOM/CWMutableBOM.h"
+#include "bench/BenchSupport.h"
 
 namespace {
 
 namespace stdfs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::median;
+using bench::secondsSince;
 
 constexpr int kTop = 50, kMiddle = 100, kFiles = 99;  // 50 + 5,000 + 495,000 entries
 constexpr int kRuns = 7;
-
-double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
 
 // The files are hard links to a handful of originals: making and removing half a
 // million inodes would take far longer than the measurement, and neither walk being

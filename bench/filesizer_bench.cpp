@@ -19,7 +19,9 @@
 
 #include "FHPathAnalysis/Support/FileSizer.h"
 #include "Platform/CatalogueSession.h"
+#include "bench/BenchSupport.h"
 
+using bench::median;
 using platform::CatalogueSession;
 
 namespace {
@@ -87,11 +89,6 @@ void measure(Timing& timing, int who, const std::function<void()>& work) {
     work();
     timing.wall.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     timing.cpu.push_back(cpuSeconds(who) - cpuStart);
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 std::string list(const std::vector<double>& values) {

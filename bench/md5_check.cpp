@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "Distribution_Layer/Downloader/CWDownloader.h"
+#include "bench/BenchSupport.h"
 
 extern char** environ;
 
@@ -29,12 +30,9 @@ namespace {
 constexpr int kRuns = 5;
 constexpr uint64_t kFileSize = uint64_t(1) << 30;
 
-using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
+using bench::Clock;
+using bench::median;
+using bench::secondsSince;
 double cpuSeconds(const struct rusage& usage) {
     auto toSeconds = [](const timeval& t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
     return toSeconds(usage.ru_utime) + toSeconds(usage.ru_stime);
@@ -112,11 +110,6 @@ Child runMD5Sum(const std::string& path, bool keepOutput) {
     child.wall = secondsSince(start);
     child.cpu = cpuSeconds(usage);
     return child;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 }  // namespace

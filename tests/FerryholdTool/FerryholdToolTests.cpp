@@ -22,11 +22,7 @@ struct Outcome {
     std::string out, err;
 };
 
-std::string quoted(const std::string& word) {
-    std::string q = "'";
-    for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
+using testsupport::shellQuote;
 
 // Prints the document read from standard input one item a line, as Python's repr: the
 // items of an array, or "key=value" for a dictionary (nested ones flattened with "/").
@@ -80,11 +76,11 @@ protected:
     }
 
     Outcome ferryhold(const std::vector<std::string>& args) {
-        std::string command = "env FERRYHOLD_FRAMEWORK_PATH=" + quoted(bundle.path()) + " " +
-                              quoted(std::string(FERRYHOLD_BINARY_DIR) + "/ferryhold");
-        for (const auto& a : args) command += " " + quoted(a);
+        std::string command = "env FERRYHOLD_FRAMEWORK_PATH=" + shellQuote(bundle.path()) + " " +
+                              shellQuote(std::string(FERRYHOLD_BINARY_DIR) + "/ferryhold");
+        for (const auto& a : args) command += " " + shellQuote(a);
         Outcome run;
-        run.out = runCommand(command + " 2>" + quoted(dir / "stderr"), &run.status);
+        run.out = runCommand(command + " 2>" + shellQuote(dir / "stderr"), &run.status);
         run.err = readFile(dir / "stderr");
         return run;
     }
@@ -97,8 +93,8 @@ protected:
         EXPECT_EQ(0, run.status) << run.err;
         writeFile(dir / "document", run.out);
         int status = -1;
-        std::string lines = runCommand("python3 " + quoted(dir / "reader.py") + (json ? " json" : " xml") + " < " +
-                                           quoted(dir / "document"),
+        std::string lines = runCommand("python3 " + shellQuote(dir / "reader.py") + (json ? " json" : " xml") + " < " +
+                                           shellQuote(dir / "document"),
                                        &status);
         EXPECT_EQ(0, status) << run.out;
         std::vector<std::string> out;
@@ -188,7 +184,7 @@ TEST_F(FerryholdTest, SizesAndTheirTotal) {
     writeFile(volume / "line\rbreak", std::string(10, 'r'));
     writeFile(volume / "d/x", std::string(100000, 'x'));
     int status = -1;
-    std::string du = runCommand("find " + quoted(volume / "d") +
+    std::string du = runCommand("find " + shellQuote(volume / "d") +
                                     " -mindepth 1 ! -type d -printf '%b\\n' | awk '{s += $1} END {print s * 512}'",
                                 &status);
     uint64_t below = std::stoull(du);
@@ -220,7 +216,7 @@ TEST_F(FerryholdTest, UsageOfTheFileSystem) {
     ASSERT_EQ(0u, got[0].rfind("'UsedSize'=", 0));
     ASSERT_EQ(0u, got[1].rfind("'FreeSize'=", 0));
     uint64_t used = std::stoull(got[0].substr(11)), free = std::stoull(got[1].substr(11));
-    uint64_t total = std::stoull(runCommand("stat -f -c '%b * %S' " + quoted(volume.path()) + " | bc"));
+    uint64_t total = std::stoull(runCommand("stat -f -c '%b * %S' " + shellQuote(volume.path()) + " | bc"));
     EXPECT_EQ(total, used + free);
 }
 

@@ -45,6 +45,12 @@ std::string readFile(const std::string& path) {
     return ss.str();
 }
 
+std::string shellQuote(const std::string& s) {
+    std::string out = "'";
+    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
 std::string runCommand(const std::string& command, int* status) {
     std::string out;
     FILE* pipe = popen(command.c_str(), "r");

@@ -23,6 +23,8 @@ private:
 // Writes `contents` to `path`, creating parent directories.
 void writeFile(const std::string& path, const std::string& contents);
 std::string readFile(const std::string& path);
+// One shell word: `s` in single quotes, a quote inside it written '\''.
+std::string shellQuote(const std::string& s);
 // Runs a shell command and returns its standard output; `status` receives the exit status.
 std::string runCommand(const std::string& command, int* status = nullptr);
 

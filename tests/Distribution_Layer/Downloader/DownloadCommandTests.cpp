@@ -34,10 +34,10 @@ protected:
 
     // Runs the command; standard error goes to `err`.
     int run(const std::vector<std::string>& args, std::string* err = nullptr) {
-        std::string command = "'" + kTool + "' download";
-        for (const auto& a : args) command += " '" + a + "'";
+        std::string command = testsupport::shellQuote(kTool) + " download";
+        for (const auto& a : args) command += " " + testsupport::shellQuote(a);
         int status = 0;
-        testsupport::runCommand(command + " 2>'" + (dir / "stderr") + "'", &status);
+        testsupport::runCommand(command + " 2>" + testsupport::shellQuote(dir / "stderr"), &status);
         if (err) *err = readFile(dir / "stderr");
         return status;
     }

@@ -22,6 +22,7 @@ using downloadtests::FaultServer;
 using downloadtests::NginxServer;
 using platform::fs::exists;
 using testsupport::readFile;
+using testsupport::shellQuote;
 using testsupport::TempDir;
 using testsupport::writeFile;
 
@@ -33,8 +34,6 @@ std::string md5(const std::string& bytes) {
     return platform::digest::hex(platform::digest::compute(
         platform::digest::Algorithm::MD5, std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())));
 }
-
-std::string quote(const std::string& s) { return "'" + s + "'"; }
 
 size_t count(const std::string& haystack, const std::string& needle) {
     size_t n = 0;
@@ -82,10 +81,10 @@ protected:
 
     // Runs the command with standard output in `out` and standard error in `err`.
     int run(const std::vector<std::string>& args, std::string* out = nullptr, std::string* err = nullptr) {
-        std::string command = quote(kTool) + " fetch";
-        for (const auto& a : args) command += " " + quote(a);
+        std::string command = shellQuote(kTool) + " fetch";
+        for (const auto& a : args) command += " " + shellQuote(a);
         int status = -1;
-        std::string printed = testsupport::runCommand(command + " 2>" + quote(dir / "stderr"), &status);
+        std::string printed = testsupport::runCommand(command + " 2>" + shellQuote(dir / "stderr"), &status);
         if (out) *out = printed;
         if (err) *err = readFile(dir / "stderr");
         return status;
@@ -269,10 +268,10 @@ TEST_F(FetchCommandTests, SignedSecureProductIsFetchedAtItsLevelAndRefusedAbove)
     chain.leaf.writePEM(dir / "leaf.pem");
     chain.intermediate.writePEM(dir / "intermediate.pem");
     int status = -1;
-    testsupport::runCommand(quote(kTool) + " xar create " + quote(dir / "plain.xar") + " " + quote(dir / "content") +
-                                " && " + quote(kTool) + " xar sign " + quote(dir / "plain.xar") + " " +
-                                quote(root + "/Product.xar") + " --key " + quote(dir / "leaf.key") + " --cert " +
-                                quote(dir / "leaf.pem") + " --cert " + quote(dir / "intermediate.pem"),
+    testsupport::runCommand(shellQuote(kTool) + " xar create " + shellQuote(dir / "plain.xar") + " " + shellQuote(dir / "content") +
+                                " && " + shellQuote(kTool) + " xar sign " + shellQuote(dir / "plain.xar") + " " +
+                                shellQuote(root + "/Product.xar") + " --key " + shellQuote(dir / "leaf.key") + " --cert " +
+                                shellQuote(dir / "leaf.pem") + " --cert " + shellQuote(dir / "intermediate.pem"),
                             &status);
     ASSERT_EQ(status, 0);
 

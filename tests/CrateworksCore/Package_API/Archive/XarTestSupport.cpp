@@ -30,12 +30,6 @@ void makeSampleTree(const std::string& root) {
     symlink("text.txt", (root + "/dir/link").c_str());
 }
 
-std::string shellQuote(const std::string& s) {
-    std::string out = "'";
-    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
 std::string runTool(const std::string& args, int* status) {
     return testsupport::runCommand(std::string(FERRYHOLD_BINARY_DIR) + "/crateworks " + args + " 2>&1", status);
 }

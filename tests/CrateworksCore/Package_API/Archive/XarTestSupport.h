@@ -5,6 +5,8 @@
 #include <functional>
 #include <string>
 
+#include "support/TempDir.h"
+
 namespace xartest {
 
 // A small tree below `root`: a directory, text and binary files, an empty file, a
@@ -14,7 +16,7 @@ void makeSampleTree(const std::string& root);
 // "crateworks ARGS" with both output streams; `status` receives the exit status.
 std::string runTool(const std::string& args, int* status = nullptr);
 // Quotes for the shell.
-std::string shellQuote(const std::string& s);
+using testsupport::shellQuote;
 
 // Rewrites the archive's TOC through `edit`. With `fixChecksum` the stored TOC checksum
 // is made to match the new TOC; without it the old one stays.

@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "CrateworksCore/Package_API/Trust/CWArchiveTrustJudgement.h"
+#include "support/TempDir.h"
 #include "support/TestPKI.h"
 
 namespace trusttest {
 
-std::string shellQuote(const std::string& s);
+using testsupport::shellQuote;
 // "crateworks ARGS" with standard output only, or with both streams.
 std::string runTool(const std::string& args, int* status = nullptr);
 std::string runToolWithErrors(const std::string& args, int* status = nullptr);
