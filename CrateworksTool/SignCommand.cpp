@@ -6,7 +6,8 @@
 #include <map>
 #include <optional>
 
-#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarWriter.h"
 #include "CrateworksTool/Command.h"
 #include "Platform/CodeSignature.h"
 #include "Platform/FileSystem.h"
@@ -19,7 +20,8 @@ namespace {
 using platform::security::Certificate;
 using platform::security::CertificateList;
 using platform::security::PrivateKey;
-using xar::XarHandle;
+using xar::XarReader;
+using xar::XarWriter;
 
 struct SigningOptions {
     std::vector<std::string> positional;
@@ -89,11 +91,11 @@ std::optional<std::string> creationTime(const std::optional<std::string>& given)
     return text.substr(0, 19);
 }
 
-bool copyEntries(const XarHandle& source, XarHandle& target) {
+bool copyEntries(const XarReader& source, XarWriter& target, platform::Error* error) {
     std::map<const xar::Entry*, xar::File> copies;
     for (xar::File f = source.first(); f; f = source.next(f)) {
         xar::File parent = f->parent ? copies[f->parent] : nullptr;
-        xar::File copy = target.addFromArchive(parent, f->name, source, f);
+        xar::File copy = target.addFromArchive(parent, f->name, source, f, error);
         if (!copy) return false;
         copies[f] = copy;
     }
@@ -102,15 +104,19 @@ bool copyEntries(const XarHandle& source, XarHandle& target) {
 
 int signArchive(const std::string& input, const std::string& output, const Identity& identity,
                 const std::string& created) {
-    std::string why;
-    auto source = XarHandle::open(input, XarHandle::Mode::Read, &why);
+    platform::Error error;
+    auto source = XarReader::open(input, &error);
     if (!source) {
-        fmt::print(stderr, "crateworks xar sign: {}: not a XAR archive ({})\n", input, why);
+        const std::string* reason = error.userInfo.findString(platform::kFailureReasonKey);
+        if (reason)
+            fmt::print(stderr, "crateworks xar sign: {}: not a XAR archive ({})\n", input, *reason);
+        else
+            fmt::print(stderr, "crateworks xar sign: {}\n", error.description());
         return 1;
     }
-    auto target = XarHandle::open(output, XarHandle::Mode::Write, &why);
+    auto target = XarWriter::open(output, &error);
     if (!target) {
-        fmt::print(stderr, "crateworks xar sign: {}: {}\n", output, why);
+        fmt::print(stderr, "crateworks xar sign: {}\n", error.description());
         return 1;
     }
     bool keyMatches = true;
@@ -124,14 +130,12 @@ int signArchive(const std::string& input, const std::string& output, const Ident
     for (const auto& certificate : identity.certificates)
         target->signatureAddX509Certificate(*index, certificate->der());
     target->setCreationTime(created);
-    bool copied = copyEntries(*source, *target);
-    bool written = target->close() == 0;
-    if (copied && written) return 0;
-    platform::fs::removeItem(output);
+    // A failure leaves OUT as it was: the writer replaces it only once all is written.
+    if (copyEntries(*source, *target, &error) && target->close(&error)) return 0;
     if (!keyMatches)
         fmt::print(stderr, "crateworks xar sign: the key does not belong to the signing certificate\n");
     else
-        fmt::print(stderr, "crateworks xar sign: cannot write {}\n", output);
+        fmt::print(stderr, "crateworks xar sign: cannot write {}: {}\n", output, error.description());
     return 1;
 }
 

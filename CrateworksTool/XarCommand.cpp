@@ -4,22 +4,22 @@
 #include <string>
 #include <vector>
 
-#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/CWMutableXARArchive.h"
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
-#include "CrateworksCore/Package_API/Archive/XarExtractor.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarEncoding.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarExtractor.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "CrateworksTool/Command.h"
 #include "CrateworksTool/SignCommand.h"
 #include "Platform/ExtractionRoot.h"
 #include "Platform/FileSystem.h"
-#include "Platform/FileTreeEnumerator.h"
 #include "Platform/Path.h"
 
 namespace {
 
 using crateworks::CWXARArchive;
 using crateworks::xar::File;
-using crateworks::xar::XarHandle;
+using crateworks::xar::XarReader;
 
 std::string jsonString(std::string_view text) {
     std::string out = "\"";
@@ -40,12 +40,14 @@ std::string jsonString(std::string_view text) {
 
 // The archive, or null after one line naming the file that is not one.
 std::shared_ptr<CWXARArchive> openArchive(const std::string& path) {
-    auto archive = CWXARArchive::initForReadingFromPath(path);
+    platform::Error error;
+    auto archive = CWXARArchive::initForReadingFromPath(path, &error);
     if (!archive) {
-        // Open once more only to learn why, for the message.
-        std::string why;
-        XarHandle::open(path, XarHandle::Mode::Read, &why);
-        fmt::print(stderr, "crateworks xar: {}: not a XAR archive ({})\n", path, why);
+        const std::string* reason = error.userInfo.findString(platform::kFailureReasonKey);
+        if (error.domain == platform::kPOSIXErrorDomain || !reason || reason->rfind("truncated", 0) == 0)
+            fmt::print(stderr, "crateworks xar: {}\n", error.description());
+        else
+            fmt::print(stderr, "crateworks xar: {}: not a XAR archive ({})\n", path, *reason);
         return nullptr;
     }
     if (uint64_t refused = archive->_xar()->refusedEntryCount())
@@ -53,14 +55,14 @@ std::shared_ptr<CWXARArchive> openArchive(const std::string& path) {
     return archive;
 }
 
-uint64_t number(XarHandle& xar, File f, const char* name) {
+uint64_t number(XarReader& xar, File f, const char* name) {
     return crateworks::xar::parseU64(xar.propertyGet(f, name).value_or("0")).value_or(0);
 }
 
 int list(const std::string& path, bool json) {
     auto archive = openArchive(path);
     if (!archive) return 1;
-    XarHandle& xar = *archive->_xar();
+    XarReader& xar = *archive->_xar();
     for (File f = xar.first(); f; f = xar.next(f)) {
         std::string mode = fmt::format("{:o}", crateworks::xar::XarExtractor::modeOf(f, 0));
         uint64_t size = f->data ? f->data->size : 0;
@@ -91,7 +93,7 @@ int extract(const std::string& path, const std::string& destination) {
     crateworks::xar::XarExtractor extractor(*archive->_xar(), *root);
     std::string failed;
     if (!extractor.extractAll(&failed, &error)) {
-        if (error.code == crateworks::kFileReadCorruptFileError)
+        if (error.code == platform::kFileReadCorruptFileError)
             fmt::print(stderr, "crateworks xar: {}: entry {} failed its checksum\n", path, failed);
         else
             fmt::print(stderr, "crateworks xar: {}: entry {}: {}\n", path, failed, error.description());
@@ -101,33 +103,13 @@ int extract(const std::string& path, const std::string& destination) {
 }
 
 int create(const std::string& output, const std::string& directory, bool store) {
-    bool isDirectory = false;
-    if (!platform::fs::exists(directory, &isDirectory) || !isDirectory) {
-        fmt::print(stderr, "crateworks xar: {}: not a directory\n", directory);
-        return 1;
-    }
     platform::Error error;
     auto archive = crateworks::CWMutableXARArchive::initForWritingToPath(output, &error);
-    if (!archive) {
+    // Nothing is at OUT until the close succeeds: every failure leaves what was there.
+    bool ok = archive && archive->setContentsOfDirectory(directory, "", !store, &error) &&
+              archive->closeArchiveReturningError(&error);
+    if (!ok) {
         fmt::print(stderr, "crateworks xar: {}\n", error.description());
-        return 1;
-    }
-    platform::FileTreeEnumerator walk(directory);
-    while (auto relative = walk.nextObject()) {
-        std::string source = platform::path::appendComponent(directory, *relative);
-        if (archive->setFile(source, *relative, !store)) continue;
-        auto attributes = platform::fs::attributes(source);
-        const std::string* type = attributes ? attributes->findString(platform::fs::kFileType) : nullptr;
-        bool supported = type && (*type == platform::fs::kFileTypeRegular || *type == platform::fs::kFileTypeDirectory ||
-                                  *type == platform::fs::kFileTypeSymbolicLink);
-        if (supported) {
-            fmt::print(stderr, "crateworks xar: cannot add {}\n", source);
-            archive->closeArchive();
-            return 1;
-        }
-    }
-    if (!archive->closeArchive()) {
-        fmt::print(stderr, "crateworks xar: cannot write {}\n", output);
         return 1;
     }
     return 0;
@@ -138,12 +120,12 @@ int verify(const std::string& path) {
     if (!archive) return 1;
     platform::Error error;
     if (!archive->verifyReturningError(&error)) {
-        const std::string* entry = error.userInfo.findString(crateworks::kFilePathErrorKey);
+        const std::string* entry = error.userInfo.findString(platform::kFilePathErrorKey);
         fmt::print(stderr, "crateworks xar: {}: entry {} is damaged\n", path, entry ? *entry : "?");
         return 1;
     }
     size_t count = 0;
-    XarHandle& xar = *archive->_xar();
+    XarReader& xar = *archive->_xar();
     for (File f = xar.first(); f; f = xar.next(f)) ++count;
     fmt::print("verified {} entries\n", count);
     return 0;

@@ -9,4 +9,12 @@ std::string Error::description() const {
     return fmt::format("{} error {}", domain, code);
 }
 
+Error corruptFileError(const std::string& path, const std::string& reason) {
+    Dictionary info;
+    if (!path.empty()) info.set(kFilePathErrorKey, path);
+    if (!reason.empty()) info.set(kFailureReasonKey, reason);
+    info.set(kErrorDescriptionKey, path.empty() ? reason : reason.empty() ? path : path + ": " + reason);
+    return Error{kGeneralErrorDomain, kFileReadCorruptFileError, std::move(info)};
+}
+
 }  // namespace platform

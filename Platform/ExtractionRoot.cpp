@@ -86,8 +86,9 @@ int ExtractionRoot::_openBeneath(const std::string& relativeDirectory) const {
         how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
         how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
         int fd = int(syscall(SYS_openat2, rootFd_, relativeDirectory.c_str(), &how, sizeof how));
-        if (fd >= 0 || (errno != ENOSYS && errno != EPERM)) return fd;
-        gOpenat2Missing = true;
+        // A path past PATH_MAX is walked a component at a time below.
+        if (fd >= 0 || (errno != ENOSYS && errno != EPERM && errno != ENAMETOOLONG)) return fd;
+        if (errno != ENAMETOOLONG) gOpenat2Missing = true;
     }
     // One component at a time, never following a link and never climbing.
     int current = dup(rootFd_);
@@ -155,7 +156,9 @@ std::optional<ExtractionRoot::PendingFile> ExtractionRoot::createFile(const std:
         std::string temporary = _temporaryName(name);
         int fd = openat(dirFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                         (mode & 0777) | 0200);
-        if (fd >= 0) return PendingFile{dirFd, fd, temporary, name, relativePath, ((mode & 0777) | 0200) & ~umask_};
+        if (fd >= 0)
+            return PendingFile{dirFd, fs::File::adopt(fd, path::appendComponent(path_, relativePath)), temporary, name,
+                               relativePath, ((mode & 0777) | 0200) & ~umask_};
         if (errno != EEXIST) break;
     }
     if (error) *error = _error(errno, relativePath);
@@ -165,29 +168,23 @@ std::optional<ExtractionRoot::PendingFile> ExtractionRoot::createFile(const std:
 bool ExtractionRoot::commit(PendingFile& file, mode_t mode, std::optional<Date> modificationDate, Error* error) {
     // The file was created with these bits; the umask, a missing owner-write bit or the
     // special bits are what a change is still needed for.
-    bool ok = (mode & 07777) == file.createdMode || fchmod(file.fd, mode & 07777) == 0;
-    if (ok && modificationDate) {
-        struct timespec times[2] = {{0, UTIME_OMIT}, timespecFor(*modificationDate)};
-        ok = futimens(file.fd, times) == 0;
-    }
+    bool ok = (mode & 07777) == file.createdMode || file.file.setMode(mode);
+    if (ok && modificationDate) ok = file.file.setModificationDate(*modificationDate);
     ok = ok && renameat(file.directoryFd, file.temporaryName.c_str(), file.directoryFd, file.finalName.c_str()) == 0;
     int saved = errno;
     if (!ok) unlinkat(file.directoryFd, file.temporaryName.c_str(), 0);
-    close(file.fd);
-    file.fd = -1;
+    Error closeError;
+    bool closed = file.file.close(&closeError);
     if (!ok && error) *error = _error(saved, file.relativePath);
-    return ok;
+    if (ok && !closed && error) *error = closeError;
+    return ok && closed;
 }
 
 void ExtractionRoot::discard(PendingFile& file) {
-    if (file.fd < 0) return;
+    if (!file.file) return;
     unlinkat(file.directoryFd, file.temporaryName.c_str(), 0);
-    close(file.fd);
-    file.fd = -1;
+    file.file.close();
 }
-
-namespace {
-}  // namespace
 
 bool ExtractionRoot::writeFile(const std::string& relativePath, std::span<const uint8_t> bytes, mode_t mode,
                                std::optional<Date> modificationDate, Error* error) {
@@ -201,23 +198,18 @@ bool ExtractionRoot::writeFile(const std::string& relativePath, std::span<const 
         // Something is there already: it is replaced by a rename, never opened.
         auto pending = createFile(relativePath, mode, error);
         if (!pending) return false;
-        if (!fs::writeAll(pending->fd, bytes)) {
-            int saved = errno;
+        if (!pending->file.writeAll(bytes, error)) {
             discard(*pending);
-            return (error ? (*error = _error(saved, relativePath), false) : false);
+            return false;
         }
         return commit(*pending, mode, modificationDate, error);
     }
-    bool ok = fs::writeAll(fd, bytes) && ((mode & 07777) == created || fchmod(fd, mode & 07777) == 0);
-    if (ok && modificationDate) {
-        struct timespec times[2] = {{0, UTIME_OMIT}, timespecFor(*modificationDate)};
-        ok = futimens(fd, times) == 0;
-    }
-    int saved = errno;
-    close(fd);
-    if (ok) return true;
-    unlinkat(dirFd, name.c_str(), 0);
-    return (error ? (*error = _error(saved, relativePath), false) : false);
+    fs::File file = fs::File::adopt(fd, path::appendComponent(path_, relativePath));
+    bool ok = file.writeAll(bytes, error) && ((mode & 07777) == created || file.setMode(mode, error));
+    if (ok && modificationDate) ok = file.setModificationDate(*modificationDate, error);
+    ok = file.close(ok ? error : nullptr) && ok;
+    if (!ok) unlinkat(dirFd, name.c_str(), 0);
+    return ok;
 }
 
 bool ExtractionRoot::makeSymbolicLink(const std::string& relativePath, const std::string& target,

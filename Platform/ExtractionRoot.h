@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include "Platform/Error.h"
+#include "Platform/File.h"
 #include "Platform/Value.h"
 
 namespace platform {
@@ -25,11 +26,11 @@ public:
     ExtractionRoot(const ExtractionRoot&) = delete;
     ExtractionRoot& operator=(const ExtractionRoot&) = delete;
 
-    // A file being written: `fd` is open for writing under a temporary name beside its
+    // A file being written: `file` is open for writing under a temporary name beside its
     // final place. Exactly one of commit() or discard() ends it.
     struct PendingFile {
         int directoryFd = -1;  // owned by the root's cache; not closed by the file
-        int fd = -1;
+        fs::File file;
         std::string temporaryName;
         std::string finalName;
         std::string relativePath;

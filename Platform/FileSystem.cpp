@@ -14,6 +14,8 @@
 #include <unistd.h>
 #include <unordered_map>
 
+#include "Platform/File.h"
+#include "Platform/FileDetail.h"
 #include "Platform/Path.h"
 
 namespace platform::fs {
@@ -21,7 +23,7 @@ namespace platform::fs {
 Error posixError(int code, const std::string& path) {
     Dictionary info;
     info.set(kErrorDescriptionKey, path.empty() ? std::string(strerror(code)) : path + ": " + strerror(code));
-    if (!path.empty()) info.set("path", path);
+    if (!path.empty()) info.set(kFilePathErrorKey, path);
     return Error{kPOSIXErrorDomain, code, std::move(info)};
 }
 
@@ -44,55 +46,23 @@ const char* fileTypeForMode(mode_t mode) {
     }
 }
 
-namespace {
-Dictionary attributesFromStatx(const struct statx& sx) {
-    auto date = [](const struct statx_timestamp& t) { return Date{double(t.tv_sec) + t.tv_nsec / 1e9}; };
-    Dictionary d;
-    d.set(kFileType, fileTypeForMode(sx.stx_mode));
-    d.set(kFileSize, uint64_t(sx.stx_size));
-    d.set(kFileCreationDate, date((sx.stx_mask & STATX_BTIME) ? sx.stx_btime : sx.stx_ctime));
-    d.set(kFileModificationDate, date(sx.stx_mtime));
-    d.set(kFileOwnerAccountID, uint64_t(sx.stx_uid));
-    d.set(kFileGroupOwnerAccountID, uint64_t(sx.stx_gid));
-    if (auto name = userName(sx.stx_uid)) d.set(kFileOwnerAccountName, *name);
-    if (auto name = groupName(sx.stx_gid)) d.set(kFileGroupOwnerAccountName, *name);
-    d.set(kFilePosixPermissions, uint64_t(sx.stx_mode & 07777));
-    return d;
-}
-}  // namespace
-
 std::optional<Dictionary> attributes(const std::string& path, Error* error) {
     struct statx sx {};
     if (path.empty() || statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) {
         fail(error, path, path.empty() ? ENOENT : errno);
         return std::nullopt;
     }
-    return attributesFromStatx(sx);
+    return detail::attributesFromStatx(sx);
 }
 
 std::optional<Data> readRegularFileNoFollow(const std::string& path, Dictionary* attributes) {
-    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
+    auto file = File::open(path, {.followFinalLink = false, .nonBlocking = true});
+    if (!file) return std::nullopt;
     struct statx sx {};
-    if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0 || !S_ISREG(sx.stx_mode)) {
-        close(fd);
+    if (statx(file->descriptor(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0 || !S_ISREG(sx.stx_mode))
         return std::nullopt;
-    }
-    Data out;
-    out.reserve(size_t(sx.stx_size));
-    uint8_t buf[65536];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            close(fd);
-            return std::nullopt;
-        }
-        if (n == 0) break;
-        out.insert(out.end(), buf, buf + n);
-    }
-    close(fd);
-    if (attributes) *attributes = attributesFromStatx(sx);
+    auto out = file->readToEnd();
+    if (out && attributes) *attributes = detail::attributesFromStatx(sx);
     return out;
 }
 
@@ -135,29 +105,9 @@ std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& p
 }
 
 std::optional<Data> readFile(const std::string& path, Error* error) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        fail(error, path);
-        return std::nullopt;
-    }
-    Data out;
-    struct stat st {};
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) out.reserve(size_t(st.st_size));
-    uint8_t buf[65536];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            int saved = errno;
-            close(fd);
-            fail(error, path, saved);
-            return std::nullopt;
-        }
-        if (n == 0) break;
-        out.insert(out.end(), buf, buf + n);
-    }
-    close(fd);
-    return out;
+    auto file = File::open(path, {}, error);
+    if (!file) return std::nullopt;
+    return file->readToEnd(error);
 }
 
 bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, Error* error) {
@@ -166,40 +116,20 @@ bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
     std::string temp = path::appendComponent(dir.empty() ? "." : dir,
                                              "." + path::lastComponent(path) + ".tmp." + std::to_string(getpid()) +
                                                  "." + std::to_string(counter++));
-    int fd = open(temp.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_WRONLY | O_CLOEXEC, 0666);
-    if (fd < 0) return fail(error, temp);
-    if (!writeAll(fd, bytes)) {
-        int saved = errno;
-        close(fd);
+    auto file = File::open(temp,
+                           {.access = OpenOptions::Access::Write, .create = true, .exclusive = true,
+                            .followFinalLink = false, .mode = 0666},
+                           error);
+    if (!file) return false;
+    if (!file->writeAll(bytes, error) || !file->close(error)) {
         unlink(temp.c_str());
-        return fail(error, temp, saved);
-    }
-    if (close(fd) != 0) {
-        int saved = errno;
-        unlink(temp.c_str());
-        return fail(error, temp, saved);
+        return false;
     }
     // rename replaces a symbolic link at `path` itself rather than writing through it.
     if (rename(temp.c_str(), path.c_str()) != 0) {
         int saved = errno;
         unlink(temp.c_str());
         return fail(error, path, saved);
-    }
-    return true;
-}
-
-bool writeAll(int fd, std::span<const uint8_t> bytes) {
-    const uint8_t* next = bytes.data();
-    size_t left = bytes.size();
-    while (left > 0) {
-        ssize_t n = write(fd, next, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = EIO;
-            return false;
-        }
-        next += n;
-        left -= size_t(n);
     }
     return true;
 }
@@ -230,22 +160,15 @@ std::optional<uint64_t> fileSize(const std::string& path) {
 
 bool readInChunks(const std::string& path, size_t chunkSize,
                   const std::function<bool(std::span<const uint8_t> chunk)>& consume, Error* error) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return fail(error, path);
-    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    auto file = File::open(path, {}, error);
+    if (!file) return false;
+    posix_fadvise(file->descriptor(), 0, 0, POSIX_FADV_SEQUENTIAL);
     std::vector<uint8_t> buffer(std::max<size_t>(chunkSize, 1));
     for (;;) {
-        ssize_t n = read(fd, buffer.data(), buffer.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            int saved = errno;
-            close(fd);
-            return fail(error, path, saved);
-        }
-        if (n == 0 || !consume(std::span<const uint8_t>(buffer.data(), size_t(n)))) break;
+        auto n = file->read(buffer, error);
+        if (!n) return false;
+        if (*n == 0 || !consume(std::span<const uint8_t>(buffer.data(), *n))) return true;
     }
-    close(fd);
-    return true;
 }
 
 bool createDirectories(const std::string& path, mode_t mode, Error* error) {

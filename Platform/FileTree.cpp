@@ -2,11 +2,11 @@
 
 #include <cerrno>
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
+#include "Platform/File.h"
+#include "Platform/FileDetail.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
 
@@ -19,65 +19,28 @@ bool fail(Error* error, const std::string& path, int code = errno) {
 }
 
 bool copyRegularFile(const std::string& source, const std::string& destination, mode_t mode, Error* error) {
-    int in = open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (in < 0) return fail(error, source);
-    int out = open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & 07777);
-    if (out < 0) {
-        int saved = errno;
-        close(in);
-        return fail(error, destination, saved);
-    }
-    struct stat st {};
-    bool ok = fstat(in, &st) == 0 && appendRange(in, 0, uint64_t(st.st_size), out) && fchmod(out, mode & 07777) == 0;
-    int saved = errno;
-    close(in);
-    close(out);
-    return ok || fail(error, destination, saved);
+    auto in = File::open(source, {.followFinalLink = false}, error);
+    if (!in) return false;
+    auto out = File::open(destination,
+                          {.access = OpenOptions::Access::Write, .create = true, .exclusive = true,
+                           .followFinalLink = false, .mode = mode & 07777},
+                          error);
+    if (!out) return false;
+    // Whatever step fails, the error names the copy being made.
+    Error failure;
+    auto size = in->size(&failure);
+    bool ok = size && out->appendRangeOf(*in, 0, *size, &failure) && out->setMode(mode, &failure) &&
+              out->close(&failure);
+    return ok || fail(error, destination, int(failure.code));
 }
 }  // namespace
 
-bool appendRange(int inFd, uint64_t offset, uint64_t length, int outFd) {
-    loff_t position = loff_t(offset);
-    while (length > 0) {
-        ssize_t n = copy_file_range(inFd, &position, outFd, nullptr, length, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) break;
-        if (n <= 0) return n == 0 ? (errno = EIO, false) : false;
-        length -= uint64_t(n);
-    }
-    std::vector<char> buffer(1 << 20);
-    while (length > 0) {
-        ssize_t n = pread(inFd, buffer.data(), std::min<uint64_t>(length, buffer.size()), position);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return n == 0 ? (errno = EIO, false) : false;
-        if (!writeAll(outFd, std::span(reinterpret_cast<const uint8_t*>(buffer.data()), size_t(n)))) return false;
-        position += n;
-        length -= uint64_t(n);
-    }
-    return true;
-}
-
 bool writeFile(const std::string& path, std::span<const uint8_t> bytes, Error* error) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) return fail(error, path);
-    bool ok = writeAll(fd, bytes);
-    int saved = errno;
-    ok = (close(fd) == 0) && ok;
-    return ok || fail(error, path, saved);
+    auto file = File::open(path, {.access = OpenOptions::Access::Write, .create = true, .truncate = true}, error);
+    return file && file->writeAll(bytes, error) && file->close(error);
 }
 
-std::optional<std::string> readSymbolicLink(const std::string& path) {
-    std::string target(256, '\0');
-    for (;;) {
-        ssize_t n = readlink(path.c_str(), target.data(), target.size());
-        if (n < 0) return std::nullopt;
-        if (size_t(n) < target.size()) {
-            target.resize(size_t(n));
-            return target;
-        }
-        target.resize(target.size() * 2);
-    }
-}
+std::optional<std::string> readSymbolicLink(const std::string& path) { return detail::readLinkAt(AT_FDCWD, path.c_str()); }
 
 bool copyItem(const std::string& source, const std::string& destination, Error* error) {
     struct stat st {};

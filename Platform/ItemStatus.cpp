@@ -1,14 +1,13 @@
 #include "Platform/ItemStatus.h"
 
 #include <string_view>
-#include <sys/acl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 #include <vector>
 
-#include <acl/libacl.h>
+#include "Platform/Acl.h"
 
 namespace platform::fs {
 
@@ -24,19 +23,6 @@ std::optional<ItemStatus> itemStatus(const std::string& path) {
     s.deviceMajor = major(st.st_rdev);
     s.deviceMinor = minor(st.st_rdev);
     return s;
-}
-
-std::optional<std::string> linkDestination(const std::string& path) {
-    std::string buf(256, '\0');
-    for (;;) {
-        ssize_t n = readlink(path.c_str(), buf.data(), buf.size());
-        if (n < 0) return std::nullopt;
-        if (size_t(n) < buf.size()) {
-            buf.resize(size_t(n));
-            return buf;
-        }
-        buf.resize(buf.size() * 2);
-    }
 }
 
 namespace {
@@ -57,22 +43,13 @@ bool hasExtendedAttributes(const std::string& path) {
     }
     return false;
 }
-
-bool hasExtendedACL(const std::string& path) {
-    acl_t acl = acl_get_file(path.c_str(), ACL_TYPE_ACCESS);
-    if (!acl) return false;
-    bool extended = acl_equiv_mode(acl, nullptr) == 1;
-    acl_free(acl);
-    return extended;
-}
 }  // namespace
 
 bool hasCopyableMetadata(const std::string& path, bool includeACLs) {
     struct stat st {};
     if (path.empty() || lstat(path.c_str(), &st) != 0) return false;
     if (hasExtendedAttributes(path)) return true;
-    // acl_get_file follows links, and links carry no ACL of their own here.
-    return includeACLs && !S_ISLNK(st.st_mode) && hasExtendedACL(path);
+    return includeACLs && acl::hasExtendedACL(path);
 }
 
 }  // namespace platform::fs

@@ -8,13 +8,14 @@
 #include <unistd.h>
 
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
+#include "Platform/File.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string path = (std::filesystem::temp_directory_path() / "fuzz-xar-XXXXXX").string();
     int fd = mkstemp(path.data());
     if (fd < 0) return 0;
-    bool written = write(fd, data, size) == ssize_t(size);
-    close(fd);
+    platform::fs::File file = platform::fs::File::adopt(fd, path);
+    bool written = file.writeAll({data, size}) && file.close();
     if (written) {
         if (auto archive = crateworks::CWXARArchive::initForReadingFromPath(path)) {
             if (auto entries = archive->enumeratorAtPath("")) {

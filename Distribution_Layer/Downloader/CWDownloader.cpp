@@ -5,8 +5,7 @@
 #include <mutex>
 #include <thread>
 
-#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
-#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
 #include "Distribution_Layer/Downloader/CWURLDownload.h"
 #include "Platform/Digest.h"
 #include "Platform/DiskImageTool.h"
@@ -27,8 +26,8 @@ namespace {
 constexpr double kIndicatorInterval = 0.5;
 constexpr size_t kChecksumChunkSize = 65536;
 // Codes of the post-copy size check, in the platform's general error domain.
-constexpr int64_t kCopySizeDiffersError = 259;
-constexpr int64_t kCopyNoAttributesError = 260;
+constexpr int64_t kCopySizeDiffersError = platform::kFileReadCorruptFileError;
+constexpr int64_t kCopyNoAttributesError = platform::kFileReadNoSuchFileError;
 constexpr const char* kCheckThreadName = "com.quarn.Crateworks.CWDownloader.check";
 constexpr const char* kCopyThreadName = "com.quarn.Crateworks.CWDownloader.copy";
 
@@ -52,11 +51,8 @@ void logHTTP(const std::string& line) {
 
 // Every entry's stored bytes checked against its archived checksum, in TOC order.
 bool packageVerifies(const std::string& path) {
-    auto archive = xar::XarHandle::open(path, xar::XarHandle::Mode::Read);
-    if (!archive) return false;
-    for (xar::File file = archive->first(); file; file = archive->next(file))
-        if (archive->verify(file) != 0) return false;
-    return true;
+    auto archive = CWXARArchive::initForReadingFromPath(path);
+    return archive && archive->verifyReturningError(nullptr);
 }
 
 bool diskImageVerifies(const std::string& path) {
@@ -532,9 +528,9 @@ void CWDownloader::_startFileCopyForQueueElement(const Element& element) {
         }
         std::optional<uint64_t> size = platform::fs::fileSize(partial);
         if (!size || *size != element->packageReference()->fileSize()) {
-            finish(platform::Error{kGeneralErrorDomain, size ? kCopySizeDiffersError : kCopyNoAttributesError,
+            finish(platform::Error{platform::kGeneralErrorDomain, size ? kCopySizeDiffersError : kCopyNoAttributesError,
                                    platform::Dictionary{{platform::kErrorDescriptionKey, "Post-copy size check failed."},
-                                                        {kFilePathErrorKey, partial}}});
+                                                        {platform::kFilePathErrorKey, partial}}});
             return;
         }
         finish(std::nullopt);

@@ -18,8 +18,8 @@ bool CWArchiveProduct::canInitWithURL(const platform::URL& url) {
 std::shared_ptr<CWProduct> CWArchiveProduct::initByLoadingProductAtURL(const platform::URL& url,
                                                                        platform::Error* error) {
     if (!CWArchive::archiveWithPath(url.path())) {
-        platform::setError(error, kCWFoundationErrorDomain, kFileReadCorruptFileError,
-                           platform::Dictionary{{"NSFilePath", url.path()}});
+        platform::setError(error, platform::kGeneralErrorDomain, platform::kFileReadCorruptFileError,
+                           platform::Dictionary{{platform::kFilePathErrorKey, url.path()}});
         return nullptr;
     }
     return std::make_shared<CWArchiveProduct>(url);

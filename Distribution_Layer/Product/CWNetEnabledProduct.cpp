@@ -15,9 +15,9 @@ namespace crateworks {
 namespace {
 
 platform::Error loadError(const platform::URL& indexURL, std::optional<std::string> reason) {
-    platform::Dictionary userInfo{{"NSURL", indexURL.absoluteString()}};
-    if (reason) userInfo.set("NSLocalizedFailureReason", *reason);
-    return {kCWFoundationErrorDomain, kFileReadCorruptFileError, std::move(userInfo)};
+    platform::Dictionary userInfo{{platform::kURLErrorKey, indexURL.absoluteString()}};
+    if (reason) userInfo.set(platform::kFailureReasonKey, *reason);
+    return {platform::kGeneralErrorDomain, platform::kFileReadCorruptFileError, std::move(userInfo)};
 }
 
 // UTF-8 bytes escaped so that the text is one relative path segment: everything but the
@@ -122,8 +122,8 @@ std::string CWNetEnabledProduct::_localizationForStoredDistribution() {
 
 bool CWNetEnabledProduct::_setDistributionFlatData(const platform::Data& data, platform::Error* error) {
     if (!URL().isFileURL()) {
-        platform::setError(error, kCWFoundationErrorDomain, kCWFileWriteUnsupportedSchemeError,
-                           platform::Dictionary{{"NSURL", URL().absoluteString()}});
+        platform::setError(error, platform::kGeneralErrorDomain, platform::kFileWriteUnsupportedSchemeError,
+                           platform::Dictionary{{platform::kURLErrorKey, URL().absoluteString()}});
         return false;
     }
     std::string stem = platform::path::deletingExtension(platform::path::lastComponent(URL().path()));

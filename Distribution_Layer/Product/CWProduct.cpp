@@ -36,7 +36,7 @@ bool CWProduct::evaluateTrustReturningError(platform::Error* error) {
     if (trustLevel_ >= minimumRequiredTrustLevel_) return true;
     platform::Dictionary userInfo{{kCWTrustLevelKey, platform::Value(int64_t(trustLevel_))}};
     if (judgement.signatureError)
-        userInfo.set(kCWUnderlyingErrorKey, platform::Dictionary{{"domain", judgement.signatureError->domain},
+        userInfo.set(platform::kUnderlyingErrorKey, platform::Dictionary{{"domain", judgement.signatureError->domain},
                                                                  {"code", judgement.signatureError->code},
                                                                  {"userInfo", judgement.signatureError->userInfo}});
     platform::setError(error, kCWProductErrorDomain, 0, std::move(userInfo));

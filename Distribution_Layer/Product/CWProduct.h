@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/CWArchive.h"
 #include "CrateworksCore/Package_API/Trust/CWTrust.h"
 #include "Distribution_Layer/Product/CWPackageReference.h"
@@ -22,12 +21,9 @@
 namespace crateworks {
 
 inline constexpr const char* kCWProductErrorDomain = "CWProductErrorDomain";
-inline constexpr const char* kCWUnderlyingErrorKey = "NSUnderlyingError";
-// The domain of the general file codes products hand back: kFileReadCorruptFileError
-// (shared with the archive classes) for an index or package that cannot be read, and
-// kCWFileWriteUnsupportedSchemeError for writing to a product that is not on disk.
-inline constexpr const char* kCWFoundationErrorDomain = "CWFoundationErrorDomain";
-inline constexpr int64_t kCWFileWriteUnsupportedSchemeError = 518;
+// Products hand back the platform's general codes (Platform/Error.h):
+// kFileReadCorruptFileError for an index or package that cannot be read, and
+// kFileWriteUnsupportedSchemeError for writing to a product that is not on disk.
 
 class CWProduct;
 

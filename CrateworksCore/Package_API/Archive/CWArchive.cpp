@@ -67,16 +67,21 @@ bool CWArchive::extractItemAtPath(const std::string& path, const std::string& to
         std::string name = platform::path::lastComponent(*entry);
         std::string source = platform::path::appendComponent(path, name);
         std::string destination = platform::path::appendComponent(toPath, name);
-        // A directory below is made first, then filled by the recursion; its own
-        // descendants are visited there, not here.
-        if (enumerator->isDirectory()) {
+        // A directory below is made first, then filled by the recursion (its own
+        // descendants are visited there, not here), then given its mode and time, so
+        // that a read-only directory still receives its entries.
+        bool isDirectory = enumerator->isDirectory();
+        if (isDirectory) {
             enumerator->skipDescendents();
             if (!_extractFile(source, destination, error)) return false;
         }
         if (!extractItemAtPath(source, destination, error)) return false;
+        if (isDirectory && !_finishDirectory(source, destination, error)) return false;
     }
     return true;
 }
+
+bool CWArchive::_finishDirectory(const std::string&, const std::string&, platform::Error*) { return true; }
 
 bool CWArchive::_extractFile(const std::string& path, const std::string& toPath, platform::Error* error) {
     auto data = dataForPath(path);

@@ -48,6 +48,9 @@ public:
     // below `toPath`; anything else through _extractFile. False at the first failure.
     virtual bool extractItemAtPath(const std::string& path, const std::string& toPath, platform::Error* error);
     virtual bool _extractFile(const std::string& path, const std::string& toPath, platform::Error* error);
+    // Called for a directory below the extracted item once everything below it is
+    // written; the archive kinds that store directory modes and times apply them here.
+    virtual bool _finishDirectory(const std::string& path, const std::string& toPath, platform::Error* error);
 
     // Null here; the archive kinds that have them answer.
     virtual std::optional<std::string> archiveDigest();

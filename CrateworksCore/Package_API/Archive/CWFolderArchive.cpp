@@ -50,7 +50,8 @@ std::optional<platform::Dictionary> CWFolderArchive::fileAttributesAtPath(const 
 bool CWFolderArchive::fileExistsAtPath(const std::string& path) { return platform::fs::exists(_joined(path)); }
 
 bool CWFolderArchive::extractItemAtPath(const std::string& path, const std::string& toPath, platform::Error* error) {
-    if (!platform::fs::exists(toPath) && !platform::fs::createDirectories(toPath, 0755, error)) return false;
+    // Whatever is at D that is not a directory (a file, say) is the failure to create D.
+    if (!platform::fs::createDirectories(toPath, 0755, error)) return false;
     std::string destination = platform::path::appendComponent(toPath, platform::path::lastComponent(path));
     if (platform::fs::existsNoFollow(destination)) platform::fs::removeTree(destination);
     return platform::fs::copyItem(_joined(path), destination, error);

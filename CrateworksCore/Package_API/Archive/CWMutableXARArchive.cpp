@@ -2,14 +2,19 @@
 
 #include <cerrno>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
-#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/CWXARDirectoryEnumerator.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarWriter.h"
 #include "Platform/Exception.h"
+#include "Platform/FileSystem.h"
 #include "Platform/Path.h"
+#include "Platform/TreeWalk.h"
 
 namespace crateworks {
+
+CWMutableXARArchive::CWMutableXARArchive() = default;
+CWMutableXARArchive::~CWMutableXARArchive() = default;
 
 std::shared_ptr<CWMutableXARArchive> CWMutableXARArchive::initForWritingToPath(const std::string& path,
                                                                                platform::Error* error) {
@@ -19,14 +24,11 @@ std::shared_ptr<CWMutableXARArchive> CWMutableXARArchive::initForWritingToPath(c
     }
     std::shared_ptr<CWMutableXARArchive> archive(new CWMutableXARArchive());
     archive->_archivePath = path;
-    archive->_xarPtr = xar::XarHandle::open(path, xar::XarHandle::Mode::Write, &archive->lastOpenDiagnostic_);
-    if (!archive->_xarPtr) {
-        setPOSIXError(error, errno, path);
-        return nullptr;
-    }
+    archive->_writer = xar::XarWriter::open(path, error);
+    if (!archive->_writer) return nullptr;
     archive->_mutable = true;
-    archive->_xarPtr->setOption("toc-cksum", "sha1");
-    archive->_xarPtr->setOption("file-chksum", "sha1");
+    archive->_writer->setOption("toc-cksum", "sha1");
+    archive->_writer->setOption("file-chksum", "sha1");
     return archive;
 }
 
@@ -36,24 +38,34 @@ void CWMutableXARArchive::_raiseIfClosed(const char* method) const {
                                   fmt::format("{} cannot be used after archive has been closed", method));
 }
 
-bool CWMutableXARArchive::closeArchive() {
+xar::XarReader* CWMutableXARArchive::_xar(platform::Error* error) {
+    if (_mutable) {
+        platform::setError(error, platform::fs::posixError(EBUSY, _archivePath));
+        return nullptr;
+    }
+    return CWXARArchive::_xar(error);
+}
+
+bool CWMutableXARArchive::closeArchive() { return closeArchiveReturningError(nullptr); }
+
+bool CWMutableXARArchive::closeArchiveReturningError(platform::Error* error) {
     _mutable = false;
-    return CWXARArchive::closeArchive();
+    bool written = !_writer || _writer->close(error);
+    _writer.reset();
+    return CWXARArchive::closeArchive() && written;
 }
 
 std::optional<xar::File> CWMutableXARArchive::_fileStructForParentOfSubpath(const std::string& subpath,
                                                                             platform::Error* error) {
     std::string parent = platform::path::deletingLastComponent(subpath);
     if (parent.empty() || parent == "/") return nullptr;
-    auto* xar = _xar();
-    if (xar::File existing = xar ? xar->find(parent) : nullptr) return existing;
+    if (xar::File existing = _writer ? _writer->find(parent) : nullptr) return existing;
     std::optional<xar::File> grandparent = _fileStructForParentOfSubpath(parent, nullptr);
-    struct stat st {};
-    st.st_mode = S_IFDIR | 0700;
-    xar::File made = xar ? xar->addFolder(grandparent.value_or(nullptr), platform::path::lastComponent(parent), st)
-                         : nullptr;
+    xar::File made =
+        _writer ? _writer->addFolder(grandparent.value_or(nullptr), platform::path::lastComponent(parent), 0700)
+                : nullptr;
     if (!made) {
-        setPOSIXError(error, ENOTDIR, _archivePath);
+        platform::setError(error, platform::fs::posixError(ENOTDIR, _archivePath));
         return std::nullopt;
     }
     return made;
@@ -63,16 +75,50 @@ bool CWMutableXARArchive::setData(const platform::Data& data, const std::string&
     _raiseIfClosed("-[CWMutableXARArchive setData:forPath:compressed:]");
     auto parent = _fileStructForParentOfSubpath(path, nullptr);
     if (!parent) return false;
-    _xar()->setOption("compression", compressed ? "gzip" : "none");
-    return _xar()->addFromBuffer(*parent, platform::path::lastComponent(path), data) != nullptr;
+    _writer->setOption("compression", compressed ? "gzip" : "none");
+    return _writer->addFromBuffer(*parent, platform::path::lastComponent(path), data) != nullptr;
 }
 
 bool CWMutableXARArchive::setFile(const std::string& file, const std::string& path, bool compressed) {
+    return setFile(file, path, compressed, nullptr);
+}
+
+bool CWMutableXARArchive::setFile(const std::string& file, const std::string& path, bool compressed,
+                                  platform::Error* error) {
     _raiseIfClosed("-[CWMutableXARArchive setFile:forPath:compressed:]");
-    auto parent = _fileStructForParentOfSubpath(path, nullptr);
+    auto parent = _fileStructForParentOfSubpath(path, error);
     if (!parent) return false;
-    _xar()->setOption("compression", compressed ? "gzip" : "none");
-    return _xar()->addFromPath(*parent, platform::path::lastComponent(path), file) != nullptr;
+    _writer->setOption("compression", compressed ? "gzip" : "none");
+    return _writer->addFromPath(*parent, platform::path::lastComponent(path), file, error) != nullptr;
+}
+
+bool CWMutableXARArchive::setContentsOfDirectory(const std::string& directory, const std::string& path,
+                                                 bool compressed, platform::Error* error) {
+    _raiseIfClosed("-[CWMutableXARArchive setContentsOfDirectory:forPath:compressed:error:]");
+    auto walk = platform::fs::TreeWalk::open(directory, error);
+    if (!walk) return false;
+    if (platform::fs::liesWithin(_archivePath, walk->root())) {
+        platform::Error refusal = platform::fs::posixError(EINVAL, _archivePath);
+        refusal.userInfo.set(platform::kErrorDescriptionKey,
+                             fmt::format("{}: lies inside {}, the directory being archived", _archivePath, directory));
+        platform::setError(error, std::move(refusal));
+        return false;
+    }
+    _writer->setOption("compression", compressed ? "gzip" : "none");
+    std::optional<xar::File> top = path.empty() ? std::optional<xar::File>(nullptr)
+                                                : _fileStructForParentOfSubpath(path + "/-", error);
+    if (!top) return false;
+    // The entry made for each directory, by depth, so that its children find it.
+    std::vector<xar::File> parents{*top};
+    while (auto item = walk->next(error)) {
+        parents.resize(item->depth);
+        xar::File entry = _writer->addFromItem(parents.back(), item->name, walk->directory(), item->name,
+                                               walk->displayPath(*item), error);
+        if (!entry) return false;
+        // A directory's children come next in the walk, one level deeper.
+        if (item->isDirectory) parents.push_back(entry);
+    }
+    return !walk->failed();
 }
 
 bool CWMutableXARArchive::setContentsOfArchive(CWArchive& archive, const std::string& path) {
@@ -86,8 +132,8 @@ bool CWMutableXARArchive::setContentsOfArchive(CWArchive& archive, const std::st
         std::string destination = platform::path::appendComponent(path, *entry);
         auto parent = _fileStructForParentOfSubpath(destination, nullptr);
         if (!parent) return false;
-        if (!_xar()->addFromArchive(*parent, platform::path::lastComponent(destination), *sourceXar,
-                                    enumerator->xar_file()))
+        if (!_writer->addFromArchive(*parent, platform::path::lastComponent(destination), *sourceXar,
+                                     enumerator->xar_file()))
             return false;
     }
     return true;
@@ -98,10 +144,10 @@ bool CWMutableXARArchive::addSignatureBySigningWithIdentity(const CWSigningIdent
 }
 
 bool CWMutableXARArchive::addIntermediateCertificate(const platform::Data& certificate) {
-    auto* xar = _xar();
-    if (!xar || xar->signatures().empty()) return false;
+    if (!_writer || _writer->signatures().empty()) return false;
     bool ok = true;
-    for (size_t i = 0; i < xar->signatures().size(); ++i) ok = xar->signatureAddX509Certificate(i, certificate) && ok;
+    for (size_t i = 0; i < _writer->signatures().size(); ++i)
+        ok = _writer->signatureAddX509Certificate(i, certificate) && ok;
     return ok;
 }
 

@@ -3,13 +3,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
-#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/CWXARDirectoryEnumerator.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "Platform/Digest.h"
+#include "Platform/File.h"
 #include "Platform/FileSystem.h"
 
 namespace crateworks {
@@ -28,30 +27,27 @@ int64_t integerValue(const std::string& text) { return strtoll(text.c_str(), nul
 
 void CWXARArchive::setSignatureWrapper(SignatureWrapper wrapper) { signatureWrapper() = std::move(wrapper); }
 
-std::shared_ptr<CWXARArchive> CWXARArchive::initForReadingFromPath(const std::string& path) {
+std::shared_ptr<CWXARArchive> CWXARArchive::initForReadingFromPath(const std::string& path, platform::Error* error) {
     std::shared_ptr<CWXARArchive> archive(new CWXARArchive());
     archive->_archivePath = path;
-    if (!archive->_xar()) return nullptr;
+    if (!archive->_xar(error)) return nullptr;
     return archive;
 }
 
-CWXARArchive::~CWXARArchive() {
-    if (_xarPtr) _xarPtr->close();
-}
+CWXARArchive::~CWXARArchive() = default;
 
-xar::XarHandle* CWXARArchive::_xar() {
+xar::XarReader* CWXARArchive::_xar(platform::Error* error) {
     if (!_xarPtr) {
-        _xarPtr = xar::XarHandle::open(_archivePath, xar::XarHandle::Mode::Read, &lastOpenDiagnostic_);
+        _xarPtr = xar::XarReader::open(_archivePath, error);
         if (_xarPtr) _xarPtr->setOption("rsize", "2097152");
     }
     return _xarPtr.get();
 }
 
 bool CWXARArchive::closeArchive() {
-    if (!_xarPtr) return true;
-    int result = _xarPtr->close();
+    // A reader holds nothing that closing could lose.
     _xarPtr.reset();
-    return result == 0;
+    return true;
 }
 
 size_t CWXARArchive::_rsaSignatureCount() {
@@ -70,12 +66,12 @@ bool CWXARArchive::_xarFileIsValid(xar::File file) {
 xar::File CWXARArchive::_fileStructForSubpath(const std::string& subpath, platform::Error* error) {
     auto* xar = _xar();
     if (!xar) {
-        setPOSIXError(error, EIO, _archivePath);
+        platform::setError(error, platform::fs::posixError(EIO, _archivePath));
         return nullptr;
     }
     auto enumerator = CWXARDirectoryEnumerator::initWithXAR(xar, subpath);
     xar::File file = enumerator ? enumerator->xar_file() : nullptr;
-    if (!file) setPOSIXError(error, ENOENT, subpath);
+    if (!file) platform::setError(error, platform::fs::posixError(ENOENT, subpath));
     return file;
 }
 
@@ -84,7 +80,7 @@ uint64_t CWXARArchive::_fileOffsetForPath(const std::string& path, platform::Err
     if (!file) return 0;
     auto offset = xar::parseU64(_xar()->propertyGet(file, "data/offset").value_or(""));
     if (!offset) {
-        setPOSIXError(error, ENOENT, path);
+        platform::setError(error, platform::fs::posixError(ENOENT, path));
         return 0;
     }
     return _xar()->heapOffset() + *offset;
@@ -104,10 +100,15 @@ bool CWXARArchive::_extractFile(const std::string& path, const std::string& toPa
     xar::File file = _fileStructForSubpath(path, error);
     if (!file) return false;
     if (!_xarFileIsValid(file)) {
-        platform::setError(error, kGeneralErrorDomain, kFileReadCorruptFileError);
+        platform::setError(error, platform::kGeneralErrorDomain, platform::kFileReadCorruptFileError);
         return false;
     }
     return _xar()->extractToFile(file, toPath, error);
+}
+
+bool CWXARArchive::_finishDirectory(const std::string& path, const std::string& toPath, platform::Error* error) {
+    xar::File file = _fileStructForSubpath(path, error);
+    return file && _xar()->finishDirectory(file, toPath, error);
 }
 
 std::string CWXARArchive::_fileAttributeKeyForXARPropertyName(const std::string& name) {
@@ -167,12 +168,12 @@ bool CWXARArchive::fileExistsAtPath(const std::string& path) { return fileAttrib
 bool CWXARArchive::verifyReturningError(platform::Error* error) {
     auto* xar = _xar();
     if (!xar) {
-        setPOSIXError(error, EIO, _archivePath);
+        platform::setError(error, platform::fs::posixError(EIO, _archivePath));
         return false;
     }
     for (xar::File f = xar->first(); f; f = xar->next(f)) {
         if (xar->verify(f) != 0) {
-            setCorruptFileError(error, xar->path(f));
+            platform::setError(error, xar::corruptEntryError(xar->path(f)));
             return false;
         }
     }
@@ -187,10 +188,9 @@ std::optional<std::string> CWXARArchive::archiveDigest() {
     uint64_t heapOffset = xar->heapOffset();
     closeArchive();
     platform::Data bytes(size_t(std::min<uint64_t>(size, 4096)));
-    int fd = ::open(_archivePath.c_str(), O_RDONLY | O_CLOEXEC);
-    ssize_t n = fd < 0 ? -1 : pread(fd, bytes.data(), bytes.size(), off_t(heapOffset + offset));
-    if (fd >= 0) ::close(fd);
-    if (n < 0 || uint64_t(n) != size) return std::nullopt;
+    auto file = platform::fs::File::open(_archivePath);
+    auto n = file ? file->readAt(heapOffset + offset, bytes) : std::nullopt;
+    if (!n || *n != size) return std::nullopt;
     return platform::digest::hex(bytes);
 }
 

@@ -8,15 +8,17 @@
 #include <string>
 
 #include "CrateworksCore/Package_API/Archive/CWMutableArchive.h"
-#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarForward.h"
 
 namespace crateworks {
 
 class CWXARArchive : public CWMutableArchive {
 public:
-    // Null when the file is not a XAR archive that passes its checks (silently; the
-    // reason is kept in lastOpenDiagnostic()).
-    static std::shared_ptr<CWXARArchive> initForReadingFromPath(const std::string& path);
+    // Null when the file cannot be opened (a POSIX error) or is not a XAR archive that
+    // passes its checks (the general domain's 259, its description saying what is wrong
+    // and where); `error` is optional.
+    static std::shared_ptr<CWXARArchive> initForReadingFromPath(const std::string& path,
+                                                                platform::Error* error = nullptr);
     ~CWXARArchive() override;
 
     std::string archivePath() const override { return _archivePath; }
@@ -26,7 +28,10 @@ public:
     bool verifyReturningError(platform::Error* error) override;
     bool fileExistsAtPath(const std::string& path) override;
     bool closeArchive() override;
+    // A directory entry is made open to its owner; _finishDirectory gives it its stored
+    // mode and time once everything below it is written.
     bool _extractFile(const std::string& path, const std::string& toPath, platform::Error* error) override;
+    bool _finishDirectory(const std::string& path, const std::string& toPath, platform::Error* error) override;
 
     // The stored TOC checksum as lower-case hex; leaves the archive closed.
     std::optional<std::string> archiveDigest() override;
@@ -38,8 +43,9 @@ public:
 
     // Entries of an archive with no RSA signature are then read without verification.
     void _setSkipsVerifyIfUnsigned(bool skips) { _skipsVerify = skips; }
-    // The open handle, opening the file when it is closed; null when it cannot be.
-    xar::XarHandle* _xar();
+    // The open reader, opening the file when it is closed; null when it cannot be (the
+    // reason through `error`).
+    virtual xar::XarReader* _xar(platform::Error* error = nullptr);
     bool _xarFileIsValid(xar::File file);
     xar::File _fileStructForSubpath(const std::string& subpath, platform::Error* error);
     // The absolute byte offset of the entry's data in the archive file; 0 on failure.
@@ -50,13 +56,10 @@ public:
     // The attribute value of a TOC property's text; null (no value) when it has none.
     static platform::Value _fileAttributeForXARProperty(const std::string& value, const std::string& fileAttributeKey);
 
-    // Why the last open of this archive failed, in one line.
-    const std::string& lastOpenDiagnostic() const { return lastOpenDiagnostic_; }
-
     // Makes the signature objects of archiveSignatures() from the codec's RSA
     // signatures; installed by the signature classes. Without one the list is empty.
     using SignatureWrapper =
-        std::function<std::shared_ptr<CWArchiveSignature>(xar::XarHandle& xar, size_t signatureIndex)>;
+        std::function<std::shared_ptr<CWArchiveSignature>(const xar::XarReader& xar, size_t signatureIndex)>;
     static void setSignatureWrapper(SignatureWrapper wrapper);
 
     const char* className() const override { return "CWXARArchive"; }
@@ -67,9 +70,8 @@ protected:
     size_t _rsaSignatureCount();
 
     std::string _archivePath;
-    std::unique_ptr<xar::XarHandle> _xarPtr;
+    std::unique_ptr<xar::XarReader> _xarPtr;
     bool _skipsVerify = false;
-    std::string lastOpenDiagnostic_;
 };
 
 }  // namespace crateworks

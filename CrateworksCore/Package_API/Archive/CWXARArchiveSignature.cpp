@@ -1,6 +1,7 @@
 #include "CrateworksCore/Package_API/Archive/CWXARArchiveSignature.h"
 
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 
 namespace crateworks {
 
@@ -11,14 +12,14 @@ using platform::security::CertificateRef;
 namespace {
 // CWXARArchive archiveSignatures makes its signatures through this.
 const bool installed = [] {
-    CWXARArchive::setSignatureWrapper([](xar::XarHandle& xar, size_t index) -> std::shared_ptr<CWArchiveSignature> {
+    CWXARArchive::setSignatureWrapper([](const xar::XarReader& xar, size_t index) -> std::shared_ptr<CWArchiveSignature> {
         return CWXARArchiveSignature::initWithXARSignature(xar, index);
     });
     return true;
 }();
 }  // namespace
 
-std::shared_ptr<CWXARArchiveSignature> CWXARArchiveSignature::initWithXARSignature(const xar::XarHandle& xar,
+std::shared_ptr<CWXARArchiveSignature> CWXARArchiveSignature::initWithXARSignature(const xar::XarReader& xar,
                                                                                    size_t signatureIndex) {
     if (signatureIndex >= xar.signatures().size()) return nullptr;
     const xar::Signature& signature = xar.signatures()[signatureIndex];

@@ -9,14 +9,14 @@
 #include <vector>
 
 #include "CrateworksCore/Package_API/Archive/CWArchiveSignature.h"
-#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarForward.h"
 
 namespace crateworks {
 
 class CWXARArchiveSignature : public CWArchiveSignature {
 public:
     // The signature at `signatureIndex` of the open archive; null for an index out of range.
-    static std::shared_ptr<CWXARArchiveSignature> initWithXARSignature(const xar::XarHandle& xar,
+    static std::shared_ptr<CWXARArchiveSignature> initWithXARSignature(const xar::XarReader& xar,
                                                                        size_t signatureIndex);
 
     // The type as the TOC names it; absent when it names none.

@@ -1,10 +1,11 @@
 #include "CrateworksCore/Package_API/Archive/CWXARDirectoryEnumerator.h"
 
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "Platform/Strings.h"
 
 namespace crateworks {
 
-std::unique_ptr<CWXARDirectoryEnumerator> CWXARDirectoryEnumerator::initWithXAR(xar::XarHandle* xar,
+std::unique_ptr<CWXARDirectoryEnumerator> CWXARDirectoryEnumerator::initWithXAR(const xar::XarReader* xar,
                                                                                const std::string& subpath) {
     if (!xar) return nullptr;
     std::unique_ptr<CWXARDirectoryEnumerator> enumerator(new CWXARDirectoryEnumerator(xar));

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarForward.h"
 #include "Platform/DirectoryEnumerator.h"
 
 namespace crateworks {
@@ -16,7 +16,7 @@ class CWXARDirectoryEnumerator : public platform::DirectoryEnumerator {
 public:
     // Null when `subpath` (non-empty) names no entry. The sub-path's own entry is never
     // yielded; the walk ends at the first entry outside its subtree.
-    static std::unique_ptr<CWXARDirectoryEnumerator> initWithXAR(xar::XarHandle* xar, const std::string& subpath);
+    static std::unique_ptr<CWXARDirectoryEnumerator> initWithXAR(const xar::XarReader* xar, const std::string& subpath);
 
     std::optional<std::string> nextObject() override;
     void skipDescendants();
@@ -27,11 +27,11 @@ public:
     xar::File xar_file() const { return _current_xar_file; }
 
 private:
-    explicit CWXARDirectoryEnumerator(xar::XarHandle* xar) : _xar(xar) {}
+    explicit CWXARDirectoryEnumerator(const xar::XarReader* xar) : _xar(xar) {}
     bool _seekToSubpath(const std::string& subpath);
     xar::File _next_file();
 
-    xar::XarHandle* _xar;
+    const xar::XarReader* _xar;
     xar::File _current_xar_file = nullptr;
     bool _didPeek = false;
     bool _isDone = false;

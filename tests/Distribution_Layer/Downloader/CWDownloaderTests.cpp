@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 
 #include "CrateworksCore/Package_API/Archive/CWMutableXARArchive.h"
-#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "Distribution_Layer/Downloader/CWDownloader.h"
 #include "Distribution_Layer/Downloader/CWURLDownload.h"
 #include "Platform/DiskImageTool.h"
@@ -490,7 +490,7 @@ TEST_F(NativeCheckTests, ArchivesAreVerifiedEntryByEntry) {
     std::string bytes = readFile(dir / "good.pkg");
     bytes[bytes.find(std::string(4000, 'z')) + 1234] = 'y';
     writeFile(dir / "bad.pkg", bytes);
-    ASSERT_TRUE(xar::XarHandle::open(dir / "bad.pkg", xar::XarHandle::Mode::Read));
+    ASSERT_TRUE(xar::XarReader::open(dir / "bad.pkg"));
     EXPECT_FALSE(check(dir / "bad.pkg", dir / "dest/Bad.pkg"));
     EXPECT_EQ(logged, (std::vector<std::string>{"Failed to verify Bad.pkg: xar_verify failed"}));
     // Not an archive at all.

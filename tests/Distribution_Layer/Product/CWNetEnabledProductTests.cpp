@@ -210,8 +210,8 @@ TEST_F(StoredDistribution, FailuresLeaveTheProductAsItWas) {
     CWNetEnabledProduct remote(*platform::URL::parse("http://example.com/Thing/"), remoteInfo);
     platform::Error error;
     EXPECT_FALSE(remote._setDistributionFlatData(bytes("<doc/>"), &error));
-    EXPECT_EQ(kCWFoundationErrorDomain, error.domain);
-    EXPECT_EQ(kCWFileWriteUnsupportedSchemeError, error.code);
+    EXPECT_EQ(platform::kGeneralErrorDomain, error.domain);
+    EXPECT_EQ(platform::kFileWriteUnsupportedSchemeError, error.code);
     EXPECT_EQ(std::vector<std::string>{}, remote.productInfo().localizations());
 
     // An index that cannot be replaced (here a directory in its place) fails the commit.

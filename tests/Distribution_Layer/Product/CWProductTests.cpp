@@ -66,7 +66,7 @@ TEST(CWProductTests, MissingOrBrokenIndexFailsWith259) {
     EXPECT_FALSE(CWNetEnabledProduct::initByLoadingProductAtURL(platform::URL::fileURL(dir / "Broken"), &error));
     EXPECT_EQ(259, error.code);
     EXPECT_EQ(platform::URL::fileURL(dir / "Broken/index.product").absoluteString(),
-              *error.userInfo.findString("NSURL"));
+              *error.userInfo.findString(platform::kURLErrorKey));
     // A distribution that cannot be fetched fails the load.
     platform::Dictionary index = threePackages();
     index.set("DistributionArchive", "Missing.xar");

@@ -4,6 +4,7 @@
 
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
 #include "CrateworksCore/Package_API/Archive/CWXARArchiveSignature.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "CrateworksCore/Package_API/Trust/CWArchiveTrustJudgement.h"
 #include "Platform/Base64.h"
 #include "Platform/Digest.h"

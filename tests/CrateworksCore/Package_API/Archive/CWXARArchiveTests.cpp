@@ -3,10 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/CWMutableXARArchive.h"
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
 #include "CrateworksCore/Package_API/Archive/CWXARDirectoryEnumerator.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarEncoding.h"
 #include "Platform/Exception.h"
 #include "XarTestSupport.h"
 #include "support/TempDir.h"
@@ -252,8 +253,8 @@ TEST(CWXARArchive, SkippingVerificationAppliesOnlyToUnsignedArchives) {
     EXPECT_EQ("alpha", text(archive->dataForPath("a.txt")));
     platform::Error error;
     EXPECT_FALSE(archive->verifyReturningError(&error));  // verification itself never skips
-    EXPECT_EQ(kFileReadCorruptFileError, error.code);
-    EXPECT_EQ("a.txt", *error.userInfo.findString(kFilePathErrorKey));
+    EXPECT_EQ(platform::kFileReadCorruptFileError, error.code);
+    EXPECT_EQ("a.txt", *error.userInfo.findString(platform::kFilePathErrorKey));
 
     // Once the archive carries an RSA signature, entries are checked again.
     xartest::editToc(path, [](std::string& xml) {

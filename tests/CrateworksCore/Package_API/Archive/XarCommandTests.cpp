@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "XarTestSupport.h"
 #include "support/TempDir.h"
 

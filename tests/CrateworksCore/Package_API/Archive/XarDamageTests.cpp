@@ -4,9 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
-#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "Platform/ExtractionRoot.h"
 #include "XarTestSupport.h"
 #include "support/TempDir.h"
@@ -33,9 +32,10 @@ std::string contents(const std::string& dir) {
 }
 
 std::string openDiagnostic(const std::string& path) {
-    std::string why;
-    EXPECT_FALSE(xar::XarHandle::open(path, xar::XarHandle::Mode::Read, &why));
-    return why;
+    platform::Error error;
+    EXPECT_FALSE(xar::XarReader::open(path, &error));
+    const std::string* reason = error.userInfo.findString(platform::kFailureReasonKey);
+    return reason ? *reason : error.description();
 }
 
 TEST(XarDamage, AFlippedDataByteFailsThatEntryOnly) {
@@ -49,9 +49,9 @@ TEST(XarDamage, AFlippedDataByteFailsThatEntryOnly) {
     ASSERT_TRUE(archive);
     platform::Error error;
     EXPECT_FALSE(archive->verifyReturningError(&error));
-    EXPECT_EQ(kGeneralErrorDomain, error.domain);
-    EXPECT_EQ(kFileReadCorruptFileError, error.code);
-    EXPECT_EQ("dir/binary.bin", *error.userInfo.findString(kFilePathErrorKey));
+    EXPECT_EQ(platform::kGeneralErrorDomain, error.domain);
+    EXPECT_EQ(platform::kFileReadCorruptFileError, error.code);
+    EXPECT_EQ("dir/binary.bin", *error.userInfo.findString(platform::kFilePathErrorKey));
     EXPECT_FALSE(archive->dataForPath("dir/binary.bin"));
     EXPECT_EQ(testsupport::readFile(tmp / "src/dir/text.txt"), [&] {
         auto d = archive->dataForPath("dir/text.txt");
@@ -89,18 +89,27 @@ TEST(XarDamage, ATocThatDoesNotMatchItsChecksumDoesNotOpen) {
     EXPECT_NE(std::string::npos, out.find(flipped + ": not a XAR archive")) << out;
 }
 
-TEST(XarDamage, ATruncatedHeapFailsTheEntriesPastItsEnd) {
+TEST(XarDamage, ATruncatedHeapRefusesTheArchiveNamingTheEntryPastItsEnd) {
     TempDir tmp;
     std::string path = sampleArchive(tmp);
     uint64_t offset = CWXARArchive::initForReadingFromPath(path)->_fileOffsetForPath("dir/binary.bin", nullptr);
     ASSERT_EQ(0, truncate(path.c_str(), off_t(offset + 10)));
-    auto archive = CWXARArchive::initForReadingFromPath(path);
-    ASSERT_TRUE(archive);
-    EXPECT_FALSE(archive->verifyReturningError(nullptr));
-    EXPECT_FALSE(archive->dataForPath("dir/binary.bin"));
+    platform::Error error;
+    EXPECT_FALSE(CWXARArchive::initForReadingFromPath(path, &error));
+    EXPECT_EQ(platform::kGeneralErrorDomain, error.domain);
+    EXPECT_EQ(platform::kFileReadCorruptFileError, error.code);
+    EXPECT_NE(std::string::npos, error.description().find("entry dir/binary.bin")) << error.description();
+    for (std::string verb : {"list", "verify", "digest"}) {
+        int status = -1;
+        std::string out = runTool("xar " + verb + " " + shellQuote(path), &status);
+        EXPECT_EQ(1, status) << verb;
+        EXPECT_EQ(1, std::count(out.begin(), out.end(), '\n')) << out;
+        EXPECT_NE(std::string::npos, out.find("truncated or damaged")) << out;
+    }
     int status = -1;
     runTool("xar extract " + shellQuote(path) + " " + shellQuote(tmp / "out"), &status);
     EXPECT_EQ(1, status);
+    EXPECT_EQ("", contents(tmp / "out"));
 }
 
 TEST(XarDamage, UnsafeNamesRefuseTheirWholeSubtree) {
@@ -204,9 +213,7 @@ TEST(XarDamage, HugeClaimsAreRefusedWithoutCommittingMemory) {
             auto at = xml.find("<length>");
             xml.replace(at, xml.find("<encoding") - at, data);
         });
-        auto a = CWXARArchive::initForReadingFromPath(p);
-        ASSERT_TRUE(a);
-        EXPECT_FALSE(a->verifyReturningError(nullptr)) << data;
+        EXPECT_NE(std::string::npos, openDiagnostic(p).find("runs past the end of the heap")) << data;
     }
     std::string bad = sampleArchive(tmp);
     xartest::editToc(bad, [](std::string& xml) {

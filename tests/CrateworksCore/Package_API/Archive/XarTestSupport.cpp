@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "CrateworksCore/Package_API/Archive/XarEncoding.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarEncoding.h"
 #include "Platform/Digest.h"
 #include "support/TempDir.h"
 

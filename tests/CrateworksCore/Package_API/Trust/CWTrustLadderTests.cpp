@@ -4,6 +4,7 @@
 
 #include "CrateworksCore/Package_API/Archive/CWArchiveSignature.h"
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "CrateworksCore/Package_API/Trust/CWTrust.h"
 #include "Platform/SecurityStatus.h"
 #include "TrustTestSupport.h"

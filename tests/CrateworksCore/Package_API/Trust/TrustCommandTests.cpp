@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "Platform/FileSystem.h"
 #include "TrustTestSupport.h"
 #include "support/TempDir.h"

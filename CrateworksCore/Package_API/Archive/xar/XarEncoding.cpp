@@ -1,4 +1,4 @@
-#include "CrateworksCore/Package_API/Archive/XarEncoding.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarEncoding.h"
 
 #include <bzlib.h>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <vector>
 #include <zlib.h>
 
-#include "CrateworksCore/Package_API/Archive/XarLimits.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarLimits.h"
 
 namespace crateworks::xar {
 

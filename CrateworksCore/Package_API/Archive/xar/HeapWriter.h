@@ -8,20 +8,23 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
-#include "CrateworksCore/Package_API/Archive/XarEntry.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarEntry.h"
 #include "Platform/Digest.h"
+#include "Platform/Error.h"
+#include "Platform/File.h"
 #include "Platform/Value.h"
 
 namespace crateworks::xar {
 
 class HeapWriter {
 public:
-    // Data goes to `heapFd` from heap offset `start` on; `checksumStyle` names the
+    // Data goes to `heap` from heap offset `start` on; `checksumStyle` names the
     // algorithm of the archived and extracted checksums ("sha1", ...).
-    HeapWriter(int heapFd, uint64_t start, std::string checksumStyle, unsigned workers = 2);
+    HeapWriter(platform::fs::File& heap, uint64_t start, std::string checksumStyle, unsigned workers = 2);
     ~HeapWriter();
     HeapWriter(const HeapWriter&) = delete;
     HeapWriter& operator=(const HeapWriter&) = delete;
@@ -32,10 +35,11 @@ public:
     // Queues bytes already encoded whose `target` is complete but for the offset.
     void addStored(DataInfo* target, platform::Data stored);
     // Writes a file too large to hold in memory straight into the heap, after every
-    // entry queued before it, reading `fd` to its end. False on a read or write failure.
-    bool addStream(DataInfo* target, int fd, bool compress);
-    // Waits for every queued entry. False when a write failed (errno kept).
-    bool finish();
+    // entry queued before it, reading `source` to its end. False, with the error, on a
+    // read or write failure.
+    bool addStream(DataInfo* target, platform::fs::File& source, bool compress, platform::Error* error);
+    // Waits for every queued entry. False, with the first write's error, when one failed.
+    bool finish(platform::Error* error);
     // The heap's end so far.
     uint64_t end() const { return end_; }
 
@@ -56,12 +60,11 @@ private:
     // Writes finished jobs from the front; with `wait`, until the window has room.
     void _drain(bool untilEmpty);
 
-    int heapFd_;
+    platform::fs::File& heap_;
     uint64_t end_;
     std::string checksumStyle_;
     platform::digest::Algorithm algorithm_;
-    bool writeFailed_ = false;
-    int writeErrno_ = 0;
+    std::optional<platform::Error> writeError_;
 
     std::mutex mutex_;
     std::condition_variable workAvailable_;

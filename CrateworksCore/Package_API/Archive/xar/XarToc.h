@@ -5,9 +5,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
-#include "CrateworksCore/Package_API/Archive/XarEntry.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarEntry.h"
 #include "Platform/Value.h"
 
 namespace crateworks::xar {
@@ -21,6 +23,9 @@ struct Signature {
     std::vector<platform::Data> certificates;
 };
 
+// An entry of a TOC; owned by it and valid as long as it is.
+using File = Entry*;
+
 struct Toc {
     std::vector<std::unique_ptr<Entry>> entries;  // every entry, parents before children
     std::vector<Entry*> topLevel;
@@ -30,6 +35,20 @@ struct Toc {
     std::optional<uint64_t> checksumSize;
     std::vector<Signature> signatures;
     uint64_t refusedEntries = 0;  // entries dropped with their subtrees for an unsafe name
+
+    // Entries in TOC order: parents before children, siblings in order. Null at the end.
+    File first() const;
+    File next(File file) const;
+    // The first entry in TOC order whose path is `path`; null when there is none.
+    File find(const std::string& path) const;
+    // A new entry named `name` below `parent` (null: the top level), last among its
+    // siblings, with its "name" and "type" properties.
+    File add(File parent, std::string_view name, std::string type, uint64_t id);
+    std::optional<std::string> archiveProperty(std::string_view name) const;
+
+private:
+    mutable std::unordered_map<std::string, File> index_;
+    mutable bool indexed_ = false;
 };
 
 // Parses the TOC's XML without loading a DTD or substituting entities. Absent, with a

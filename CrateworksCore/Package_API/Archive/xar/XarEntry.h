@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "CrateworksCore/Package_API/Archive/XarEncoding.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarEncoding.h"
 
 namespace crateworks::xar {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "CrateworksCore/Package_API/Archive/XarHandle.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "Platform/Error.h"
 #include "Platform/ExtractionRoot.h"
 
@@ -16,12 +16,15 @@ namespace crateworks::xar {
 
 class XarExtractor {
 public:
-    XarExtractor(const XarHandle& archive, platform::ExtractionRoot& root);
+    XarExtractor(const XarReader& archive, platform::ExtractionRoot& root);
 
-    // Writes one entry at `relativePath` below the root: a directory (with its mode and
-    // time at once), a file, or a symbolic link; other types are left out with a
-    // warning. False with a POSIX error, or the corrupt-file error naming the entry.
+    // Writes one entry at `relativePath` below the root: a directory (open to its owner
+    // until finishDirectory gives it its stored mode and time), a file, or a symbolic
+    // link; other types are left out with a warning. False with a POSIX error, or the
+    // corrupt-file error naming the entry.
     bool extractEntry(File file, const std::string& relativePath, platform::Error* error = nullptr);
+    // A directory entry's stored mode and modification time, once everything below it is written.
+    bool finishDirectory(File file, const std::string& relativePath, platform::Error* error = nullptr);
 
     // Writes every entry: directories, then files on two threads, then links, and at
     // last the directories' modes and times, deepest first (an archive that names one
@@ -39,7 +42,7 @@ private:
     bool _extractSimple(File file, const std::string& relativePath, platform::Error* error);
     bool _extractFilesInParallel(const std::vector<File>& files, std::string* failedPath, platform::Error* error);
 
-    const XarHandle& archive_;
+    const XarReader& archive_;
     platform::ExtractionRoot& root_;
     // Reused from entry to entry.
     platform::Data stored_;

@@ -1,4 +1,4 @@
-#include "CrateworksCore/Package_API/Archive/XarExtractor.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarExtractor.h"
 
 #include <algorithm>
 #include <atomic>
@@ -10,8 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "CrateworksCore/Package_API/Archive/ArchiveErrors.h"
-#include "CrateworksCore/Package_API/Archive/XarLimits.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarLimits.h"
 #include "Platform/Digest.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Log.h"
@@ -28,7 +27,7 @@ bool fitsInMemory(File file) { return !file->data || file->data->size <= kMaxInM
 
 }  // namespace
 
-XarExtractor::XarExtractor(const XarHandle& archive, platform::ExtractionRoot& root)
+XarExtractor::XarExtractor(const XarReader& archive, platform::ExtractionRoot& root)
     : archive_(archive), root_(root) {}
 
 mode_t XarExtractor::modeOf(File file, mode_t fallback) {
@@ -60,7 +59,7 @@ bool XarExtractor::_streamFile(File file, const std::string& relativePath, platf
     auto archivedAlgorithm = platform::digest::fromName(d.archivedChecksumStyle);
     auto extractedAlgorithm = platform::digest::fromName(d.extractedChecksumStyle);
     if ((!d.archivedChecksum.empty() && !archivedAlgorithm) || (!d.extractedChecksum.empty() && !extractedAlgorithm)) {
-        setCorruptFileError(error, file->path);
+        platform::setError(error, corruptEntryError(file->path));
         return false;
     }
     auto pending = root_.createFile(relativePath, modeOf(file, 0644), error);
@@ -78,7 +77,7 @@ bool XarExtractor::_streamFile(File file, const std::string& relativePath, platf
     };
     auto write = [&](std::span<const uint8_t> bytes) {
         extracted.update(bytes);
-        writeFailed = !platform::fs::writeAll(pending->fd, bytes);
+        writeFailed = !pending->file.writeAll(bytes);
         return !writeFailed;
     };
     bool ok = decodeStream(d.encoding, d.size, read, write);
@@ -87,8 +86,8 @@ bool XarExtractor::_streamFile(File file, const std::string& relativePath, platf
          (d.extractedChecksum.empty() || platform::digest::hex(extracted.finish()) == d.extractedChecksum);
     if (!ok) {
         root_.discard(*pending);
-        if (writeFailed) setPOSIXError(error, saved, relativePath);
-        else setCorruptFileError(error, file->path);
+        if (writeFailed) platform::setError(error, platform::fs::posixError(saved, relativePath));
+        else platform::setError(error, corruptEntryError(file->path));
         return false;
     }
     return root_.commit(*pending, modeOf(file, 0644), modificationDateOf(file), error);
@@ -99,7 +98,7 @@ bool XarExtractor::_extractSimple(File file, const std::string& relativePath, pl
     if (file->type == "symlink") {
         const Property* link = file->find("link");
         if (!link || !link->value) {
-            setCorruptFileError(error, file->path);
+            platform::setError(error, corruptEntryError(file->path));
             return false;
         }
         return root_.makeSymbolicLink(relativePath, *link->value, modificationDateOf(file), error);
@@ -112,15 +111,16 @@ bool XarExtractor::extractEntry(File file, const std::string& relativePath, plat
     if (isRegular(file)) {
         if (!fitsInMemory(file)) return _streamFile(file, relativePath, error);
         if (!archive_.extractInto(file, stored_, bytes_, false)) {
-            setCorruptFileError(error, file->path);
+            platform::setError(error, corruptEntryError(file->path));
             return false;
         }
         return _writeFile(file, relativePath, bytes_, error);
     }
-    if (!_extractSimple(file, relativePath, error)) return false;
-    if (file->type == "directory")
-        return root_.setDirectoryAttributes(relativePath, modeOf(file, 0755), modificationDateOf(file), error);
-    return true;
+    return _extractSimple(file, relativePath, error);
+}
+
+bool XarExtractor::finishDirectory(File file, const std::string& relativePath, platform::Error* error) {
+    return root_.setDirectoryAttributes(relativePath, modeOf(file, 0755), modificationDateOf(file), error);
 }
 
 bool XarExtractor::extractAll(std::string* failedPath, platform::Error* error) {
@@ -154,7 +154,7 @@ bool XarExtractor::extractAll(std::string* failedPath, platform::Error* error) {
     // Deepest first, so that a read-only directory has received everything below it.
     std::stable_sort(directories.begin(), directories.end(), [](File a, File b) { return a->depth > b->depth; });
     for (File d : directories)
-        if (!root_.setDirectoryAttributes(d->path, modeOf(d, 0755), modificationDateOf(d), error)) return failed(d);
+        if (!finishDirectory(d, d->path, error)) return failed(d);
     return true;
 }
 

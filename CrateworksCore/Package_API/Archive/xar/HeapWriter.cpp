@@ -1,10 +1,8 @@
-#include "CrateworksCore/Package_API/Archive/HeapWriter.h"
+#include "CrateworksCore/Package_API/Archive/xar/HeapWriter.h"
 
-#include <cerrno>
-#include <unistd.h>
 #include <zlib.h>
 
-#include "CrateworksCore/Package_API/Archive/XarEncoding.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarEncoding.h"
 
 namespace crateworks::xar {
 
@@ -12,22 +10,10 @@ namespace {
 // Bounds the memory held by entries read ahead of the heap.
 constexpr size_t kMaxJobsInWindow = 256;
 constexpr uint64_t kMaxBytesInWindow = 64ull << 20;
-
-bool writeAt(int fd, const uint8_t* bytes, size_t size, uint64_t offset) {
-    while (size > 0) {
-        ssize_t n = pwrite(fd, bytes, size, off_t(offset));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        bytes += n;
-        size -= size_t(n);
-        offset += uint64_t(n);
-    }
-    return true;
-}
 }  // namespace
 
-HeapWriter::HeapWriter(int heapFd, uint64_t start, std::string checksumStyle, unsigned workers)
-    : heapFd_(heapFd), end_(start), checksumStyle_(std::move(checksumStyle)),
+HeapWriter::HeapWriter(platform::fs::File& heap, uint64_t start, std::string checksumStyle, unsigned workers)
+    : heap_(heap), end_(start), checksumStyle_(std::move(checksumStyle)),
       algorithm_(platform::digest::fromName(checksumStyle_).value_or(platform::digest::Algorithm::SHA1)) {
     for (unsigned i = 0; i < workers; ++i) workers_.emplace_back([this] { _work(); });
 }
@@ -132,10 +118,8 @@ void HeapWriter::_drain(bool untilEmpty) {
         }
         DataInfo result = job->result;
         result.offset = end_;
-        if (!writeFailed_ && !writeAt(heapFd_, job->output.data(), job->output.size(), end_)) {
-            writeFailed_ = true;
-            writeErrno_ = errno;
-        }
+        platform::Error error;
+        if (!writeError_ && !heap_.writeAt(end_, job->output, &error)) writeError_ = std::move(error);
         end_ += job->output.size();
         *job->target = std::move(result);
         std::lock_guard lock(mutex_);
@@ -143,7 +127,7 @@ void HeapWriter::_drain(bool untilEmpty) {
     }
 }
 
-bool HeapWriter::addStream(DataInfo* target, int fd, bool compress) {
+bool HeapWriter::addStream(DataInfo* target, platform::fs::File& source, bool compress, platform::Error* error) {
     _drain(true);
     platform::digest::Hasher extracted(algorithm_), archived(algorithm_);
     DataInfo r;
@@ -155,17 +139,17 @@ bool HeapWriter::addStream(DataInfo* target, int fd, bool compress) {
     bool ok = true, done = false;
     auto emit = [&](const uint8_t* bytes, size_t n) {
         archived.update({bytes, n});
-        ok = ok && writeAt(heapFd_, bytes, n, end_);
+        ok = ok && heap_.writeAt(end_, {bytes, n}, error);
         end_ += n;
         r.length += n;
     };
     while (ok && !done) {
-        ssize_t n = read(fd, in.data(), in.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
+        auto read = source.read(in, error);
+        if (!read) {
             ok = false;
             break;
         }
+        size_t n = *read;
         done = n == 0;
         extracted.update({in.data(), size_t(n)});
         r.size += uint64_t(n);
@@ -191,10 +175,10 @@ bool HeapWriter::addStream(DataInfo* target, int fd, bool compress) {
     return true;
 }
 
-bool HeapWriter::finish() {
+bool HeapWriter::finish(platform::Error* error) {
     _drain(true);
-    if (writeFailed_) errno = writeErrno_;
-    return !writeFailed_;
+    if (writeError_) platform::setError(error, *writeError_);
+    return !writeError_;
 }
 
 }  // namespace crateworks::xar

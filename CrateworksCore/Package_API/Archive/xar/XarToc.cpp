@@ -1,15 +1,60 @@
-#include "CrateworksCore/Package_API/Archive/XarToc.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarToc.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <libxml/parser.h>
 #include <libxml/xmlreader.h>
 
-#include "CrateworksCore/Package_API/Archive/XarLimits.h"
+#include "CrateworksCore/Package_API/Archive/xar/XarLimits.h"
 #include "Platform/Base64.h"
 #include "Platform/Strings.h"
 
 namespace crateworks::xar {
+
+File Toc::first() const { return topLevel.empty() ? nullptr : topLevel.front(); }
+
+File Toc::next(File file) const {
+    if (!file) return nullptr;
+    if (!file->children.empty()) return file->children.front();
+    for (File f = file; f; f = f->parent) {
+        const auto& siblings = f->parent ? f->parent->children : topLevel;
+        if (f->indexInParent + 1 < siblings.size()) return siblings[f->indexInParent + 1];
+    }
+    return nullptr;
+}
+
+File Toc::find(const std::string& path) const {
+    if (!indexed_) {
+        for (File f = first(); f; f = next(f)) index_.emplace(f->path, f);
+        indexed_ = true;
+    }
+    auto it = index_.find(path);
+    return it == index_.end() ? nullptr : it->second;
+}
+
+File Toc::add(File parent, std::string_view name, std::string type, uint64_t id) {
+    auto entry = std::make_unique<Entry>();
+    entry->id = id;
+    entry->name = name;
+    entry->type = type;
+    entry->parent = parent;
+    entry->depth = parent ? parent->depth + 1 : 1;
+    entry->path = parent ? parent->path + "/" + entry->name : entry->name;
+    auto& siblings = parent ? parent->children : topLevel;
+    entry->indexInParent = siblings.size();
+    siblings.push_back(entry.get());
+    entry->properties.push_back(Property{"name", entry->name, {}});
+    entry->properties.push_back(Property{"type", std::move(type), {}});
+    if (indexed_) index_.emplace(entry->path, entry.get());
+    entries.push_back(std::move(entry));
+    return entries.back().get();
+}
+
+std::optional<std::string> Toc::archiveProperty(std::string_view name) const {
+    for (const auto& p : properties)
+        if (p.name == name) return p.value;
+    return std::nullopt;
+}
 
 std::optional<uint64_t> parseU64(std::string_view text) {
     if (text.empty() || text.size() > 20) return std::nullopt;
