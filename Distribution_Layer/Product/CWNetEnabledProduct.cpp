@@ -16,6 +16,7 @@ namespace {
 
 platform::Error loadError(const platform::URL& indexURL, std::optional<std::string> reason) {
     platform::Dictionary userInfo{{platform::kURLErrorKey, indexURL.absoluteString()}};
+    if (indexURL.isFileURL()) userInfo.set(platform::kFilePathErrorKey, indexURL.path());
     if (reason) userInfo.set(platform::kFailureReasonKey, *reason);
     return {platform::kGeneralErrorDomain, platform::kFileReadCorruptFileError, std::move(userInfo)};
 }

@@ -64,9 +64,13 @@ TEST(CWProductTests, MissingOrBrokenIndexFailsWith259) {
     testsupport::writeFile(dir / "Broken/index.product", "this is not a property list");
     error = {};
     EXPECT_FALSE(CWNetEnabledProduct::initByLoadingProductAtURL(platform::URL::fileURL(dir / "Broken"), &error));
-    EXPECT_EQ(259, error.code);
+    EXPECT_EQ(platform::kGeneralErrorDomain, error.domain);
+    EXPECT_EQ(platform::kFileReadCorruptFileError, error.code);
     EXPECT_EQ(platform::URL::fileURL(dir / "Broken/index.product").absoluteString(),
               *error.userInfo.findString(platform::kURLErrorKey));
+    // A local index is named by its path too, under the key every domain uses.
+    ASSERT_TRUE(error.userInfo.findString(platform::kFilePathErrorKey));
+    EXPECT_EQ(dir / "Broken/index.product", *error.userInfo.findString(platform::kFilePathErrorKey));
     // A distribution that cannot be fetched fails the load.
     platform::Dictionary index = threePackages();
     index.set("DistributionArchive", "Missing.xar");

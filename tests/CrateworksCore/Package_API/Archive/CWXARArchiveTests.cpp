@@ -1,6 +1,9 @@
 // The XAR archive classes: attributes, enumeration, digests, writing, verification.
+#include <functional>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "CrateworksCore/Package_API/Archive/CWMutableXARArchive.h"
@@ -339,3 +342,52 @@ TEST(CWMutableXARArchive, LargeFilesAreStreamedBothWays) {
 }
 
 }  // namespace
+
+namespace {
+// Runs `body` in a child process that has dropped to user and group 65534, and
+// answers its exit status (0 when `body` answered true).
+int asUnprivileged(const std::function<bool()>& body) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        bool dropped = setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
+                       setresuid(65534, 65534, 65534) == 0;
+        _exit(!dropped ? 3 : body() ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+}  // namespace
+
+TEST(CWXARArchive, ReadOnlyDirectoriesAreFilledBeforeTheyTakeTheirModeAndTime) {
+    TempDir tmp;
+    ASSERT_EQ(0, chmod(tmp.path().c_str(), 0755));
+    testsupport::writeFile(tmp / "src/top/ro/a.txt", "alpha");
+    testsupport::writeFile(tmp / "src/top/ro/inner/b.txt", "beta");
+    ASSERT_EQ(0, chmod((tmp / "src/top/ro/inner").c_str(), 0555));
+    ASSERT_EQ(0, chmod((tmp / "src/top/ro").c_str(), 0555));
+    runCommand("touch -h -d '2001-02-03 04:05:06 UTC' " + shellQuote(tmp / "src/top/ro/inner") + " " +
+               shellQuote(tmp / "src/top/ro"));
+    int status = -1;
+    std::string out = runTool("xar create " + shellQuote(tmp / "ro.xar") + " " + shellQuote(tmp / "src"), &status);
+    ASSERT_EQ(0, status) << out;
+    ASSERT_EQ(0, mkdir((tmp / "dest").c_str(), 0777));
+    ASSERT_EQ(0, chmod((tmp / "dest").c_str(), 0777));
+
+    // Not root: a directory given its 0555 first could not receive a.txt.
+    std::string archivePath = tmp / "ro.xar", destination = tmp / "dest";
+    EXPECT_EQ(0, asUnprivileged([&] {
+        auto archive = CWXARArchive::initForReadingFromPath(archivePath);
+        platform::Error error;
+        return archive && archive->extractItemAtPath("top", destination, &error);
+    }));
+    EXPECT_EQ("alpha", testsupport::readFile(tmp / "dest/ro/a.txt"));
+    EXPECT_EQ("beta", testsupport::readFile(tmp / "dest/ro/inner/b.txt"));
+    for (std::string dir : {"dest/ro", "dest/ro/inner"}) {
+        struct stat st {};
+        ASSERT_EQ(0, lstat((tmp / dir).c_str(), &st)) << dir;
+        EXPECT_EQ(0555u, st.st_mode & 07777) << dir;
+        EXPECT_EQ(981173106, st.st_mtime) << dir;  // 2001-02-03 04:05:06 UTC
+    }
+    runCommand("chmod -R u+w " + shellQuote(tmp / "dest") + " " + shellQuote(tmp / "src"));
+}
