@@ -138,15 +138,15 @@ bool unxzStream(Pump& pump) {
     return ok;
 }
 
-bool passThrough(uint64_t size, const ReadFunction& read, const WriteFunction& write) {
+bool passThrough(uint64_t size, const ReadFunction& fill, const WriteFunction& emit) {
     std::vector<uint8_t> buffer(kChunk);
     uint64_t total = 0;
     for (;;) {
-        int64_t n = read(buffer.data(), buffer.size());
+        int64_t n = fill(buffer.data(), buffer.size());
         if (n < 0) return false;
         if (n == 0) return total == size;
         total += uint64_t(n);
-        if (total > size || !write({buffer.data(), size_t(n)})) return false;
+        if (total > size || !emit({buffer.data(), size_t(n)})) return false;
     }
 }
 }  // namespace
@@ -180,10 +180,10 @@ platform::Data deflate(std::span<const uint8_t> bytes, int level) {
     return out;
 }
 
-bool decodeStream(Encoding encoding, uint64_t size, const ReadFunction& read, const WriteFunction& write) {
-    Pump pump(size, read, write);
+bool decodeStream(Encoding encoding, uint64_t size, const ReadFunction& fill, const WriteFunction& emit) {
+    Pump pump(size, fill, emit);
     switch (encoding) {
-    case Encoding::None: return passThrough(size, read, write);
+    case Encoding::None: return passThrough(size, fill, emit);
     case Encoding::Gzip: return inflateStream(pump);
     case Encoding::Bzip2: return bunzipStream(pump);
     case Encoding::Lzma:
@@ -215,17 +215,17 @@ bool decodeInto(Encoding encoding, std::span<const uint8_t> stored, uint64_t siz
         return rc == LIBDEFLATE_SUCCESS && produced == size;
     }
     size_t position = 0;
-    auto read = [&](uint8_t* buffer, size_t capacity) -> int64_t {
+    auto fill = [&](uint8_t* buffer, size_t capacity) -> int64_t {
         size_t n = std::min(capacity, stored.size() - position);
         memcpy(buffer, stored.data() + position, n);
         position += n;
         return int64_t(n);
     };
-    auto write = [&](std::span<const uint8_t> bytes) {
+    auto emit = [&](std::span<const uint8_t> bytes) {
         out.insert(out.end(), bytes.begin(), bytes.end());
         return true;
     };
-    return decodeStream(encoding, size, read, write);
+    return decodeStream(encoding, size, fill, emit);
 }
 
 platform::Data compressTOC(std::string_view xml) {

@@ -28,12 +28,12 @@ std::optional<platform::Data> decode(Encoding encoding, std::span<const uint8_t>
 // The same into `out`, whose memory is reused.
 bool decodeInto(Encoding encoding, std::span<const uint8_t> stored, uint64_t size, platform::Data& out);
 
-// Streaming decoder for entries too large to hold: `read` fills the buffer with the
-// next stored bytes and answers how many (0 at the end, -1 on error); `write` takes the
+// Streaming decoder for entries too large to hold: `fill` fills the buffer with the
+// next stored bytes and answers how many (0 at the end, -1 on error); `emit` takes the
 // decoded bytes. False when the stream is damaged or decodes to other than `size`.
 using ReadFunction = std::function<int64_t(uint8_t* buffer, size_t capacity)>;
 using WriteFunction = std::function<bool(std::span<const uint8_t> bytes)>;
-bool decodeStream(Encoding encoding, uint64_t size, const ReadFunction& read, const WriteFunction& write);
+bool decodeStream(Encoding encoding, uint64_t size, const ReadFunction& fill, const WriteFunction& emit);
 
 // zlib for the table of contents; inflateTOC stops at `maximum` bytes.
 platform::Data compressTOC(std::string_view xml);
