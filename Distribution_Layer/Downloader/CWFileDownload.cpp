@@ -2,11 +2,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Log.h"
 #include "Platform/PropertyList.h"
@@ -120,11 +120,12 @@ void CWFileDownload::_send(const std::shared_ptr<platform::RunLoop>& loop, Callb
     });
 }
 
-void CWFileDownload::_fail(const std::shared_ptr<platform::RunLoop>& loop, int code, const std::string& path) {
+void CWFileDownload::_fail(const std::shared_ptr<platform::RunLoop>& loop, int code, const std::string& path,
+                           int errorNumber) {
     platform::Dictionary info{{platform::kErrorDescriptionKey, fmt::format("{}: {}", describe(code), path)},
                               {"path", path}};
     if (code != kCWFileDownloadDestinationExists && code != kCWFileDownloadShortWrite)
-        info.set("errno", errno);
+        info.set("errno", errorNumber);
     auto self = std::static_pointer_cast<CWFileDownload>(shared_from_this());
     _send(loop, {std::string("download:didFailWithError:"), self,
                  platform::Error{kCWFileDownloadErrorDomain, code, std::move(info)}});
@@ -139,41 +140,45 @@ void CWFileDownload::_fileCopyThread(const std::shared_ptr<platform::RunLoop>& l
         _fail(loop, kCWFileDownloadDestinationExists, dst);
         return;
     }
-    int src = open(_srcPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (src < 0) {
-        _fail(loop, kCWFileDownloadCannotOpenSource, _srcPath);
+    platform::Error error;
+    auto src = platform::fs::File::open(_srcPath, {.nonBlocking = true}, &error);
+    if (!src) {
+        _fail(loop, kCWFileDownloadCannotOpenSource, _srcPath, int(error.code));
         return;
     }
-    int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (_overwriteIfFileExists ? O_TRUNC : 0) | (_isResume ? O_APPEND : 0);
-    int out = open(dst.c_str(), flags, 0644);
-    if (out < 0) {
-        _fail(loop, kCWFileDownloadCannotOpenDestination, dst);
+    auto out = platform::fs::File::open(dst,
+                                        {.access = platform::fs::OpenOptions::Access::Write,
+                                         .create = true,
+                                         .truncate = _overwriteIfFileExists,
+                                         .append = _isResume,
+                                         .mode = 0644},
+                                        &error);
+    if (!out) {
+        _fail(loop, kCWFileDownloadCannotOpenDestination, dst, int(error.code));
         if (_deleteFileOnFailure) unlink(dst.c_str());
-        close(src);
         return;
     }
-    char buffer[kReadSize];
+    uint8_t buffer[kReadSize];
     while (_runFileReadThread) {
-        ssize_t n = read(src, buffer, sizeof buffer);
-        if (n == 0) {
+        auto n = src->read(buffer, &error);
+        if (n && *n == 0) {
             if (_runFileReadThread) _send(loop, {std::string("downloadDidFinish:"), self});
             break;
         }
-        if (n < 0) {
-            _fail(loop, errno == EAGAIN ? kCWFileDownloadReadWouldBlock : kCWFileDownloadReadFailed, _srcPath);
+        if (!n) {
+            _fail(loop, error.code == EAGAIN ? kCWFileDownloadReadWouldBlock : kCWFileDownloadReadFailed, _srcPath,
+                  int(error.code));
             if (_deleteFileOnFailure) unlink(dst.c_str());
             break;
         }
-        if (write(out, buffer, size_t(n)) != n) {
+        if (!out->writeAll({buffer, *n})) {
             _fail(loop, kCWFileDownloadShortWrite, dst);
             if (_deleteFileOnFailure) unlink(dst.c_str());
             break;
         }
-        _bytesDownloaded += n;
-        _send(loop, {std::string("download:didReceiveDataOfLength:"), self, int64_t(n)});
+        _bytesDownloaded += int64_t(*n);
+        _send(loop, {std::string("download:didReceiveDataOfLength:"), self, int64_t(*n)});
     }
-    close(src);
-    close(out);
 }
 
 void CWFileDownload::_currentThreadCallback(const CallbackList& callback) {

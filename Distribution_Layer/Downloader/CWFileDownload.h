@@ -64,7 +64,10 @@ private:
     void _startCopyThread();
     void _fileCopyThread(const std::shared_ptr<platform::RunLoop>& creatingLoop);
     void _send(const std::shared_ptr<platform::RunLoop>& loop, CallbackList callback);
-    void _fail(const std::shared_ptr<platform::RunLoop>& loop, int code, const std::string& path);
+    // `errorNumber` is the errno behind the failure, kept in the user info except for
+    // the two codes that have none.
+    void _fail(const std::shared_ptr<platform::RunLoop>& loop, int code, const std::string& path,
+               int errorNumber = 0);
 
     std::string _srcPath;
     bool _isResume = false;

@@ -1,14 +1,14 @@
 // The download factory, the abstract operations and the file copy.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
+#include <cerrno>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "Distribution_Layer/Downloader/CWFileDownload.h"
 #include "Distribution_Layer/Downloader/CWSecureURLDownload.h"
 #include "Distribution_Layer/Downloader/CWURLDownload.h"
 #include "Platform/Exception.h"
+#include "Platform/File.h"
 #include "Platform/Log.h"
 #include "Platform/PropertyList.h"
 #include "RecordingDelegate.h"
@@ -31,6 +31,12 @@ std::string pattern(size_t size) {
 
 int64_t soFar(const platform::Data& resume) {
     return *platform::plist::readBytes(resume)->dictionary()->find("Downloaded So Far")->integer();
+}
+
+// The errno a copy failure carries, absent for the codes that have none.
+std::optional<int64_t> errnoOf(const platform::Error& error) {
+    const platform::Value* value = error.userInfo.find("errno");
+    return value ? value->integer() : std::nullopt;
 }
 
 }  // namespace
@@ -114,6 +120,7 @@ TEST(CWDownloadTests, FreshCopyOntoAnExistingDestinationFailsWithCode1) {
     ASSERT_TRUE(delegate.error);
     EXPECT_EQ(delegate.error->domain, "com.quarn.Crateworks.CWFileDownload");
     EXPECT_EQ(delegate.error->code, 1);
+    EXPECT_EQ(errnoOf(*delegate.error), std::nullopt);
     EXPECT_EQ(readFile(dir / "dst"), "old contents");
 
     RecordingDelegate missing;
@@ -122,20 +129,23 @@ TEST(CWDownloadTests, FreshCopyOntoAnExistingDestinationFailsWithCode1) {
     missing.wait();
     ASSERT_TRUE(missing.error);
     EXPECT_EQ(missing.error->code, 2);
+    EXPECT_EQ(errnoOf(*missing.error), ENOENT);
 }
 
 TEST(CWDownloadTests, ReadThatWouldBlockFailsWithCode4) {
     TempDir dir;
     ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
     // A writer that never writes: a non-blocking read gets EAGAIN rather than end of file.
-    int writer = open((dir / "fifo").c_str(), O_RDWR);
+    auto writer = platform::fs::File::open(dir / "fifo", {.access = platform::fs::OpenOptions::Access::ReadWrite});
+    ASSERT_TRUE(writer);
     RecordingDelegate delegate;
     auto download = CWDownload::downloadWithURL(URL::fileURL(dir / "fifo"), &delegate);
     download->setDestination(dir / "dst", true);
     delegate.wait();
-    close(writer);
+    writer->close();
     ASSERT_TRUE(delegate.error);
     EXPECT_EQ(delegate.error->code, 4);
+    EXPECT_EQ(errnoOf(*delegate.error), EAGAIN);
 }
 
 TEST(CWDownloadTests, FileResumeDataIsCheckedAgainstTheDestination) {
