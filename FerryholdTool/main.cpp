@@ -7,17 +7,16 @@
 // can spoil the document. Exit statuses: 0 printed; 1 the analysis yields nothing (one
 // line on standard error, nothing on standard output); 2 a wrong call (the usage on
 // standard error).
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "FerryholdTool/Commands.h"
 #include "FerryholdTool/Invocation.h"
 #include "FerryholdTool/JSONWriter.h"
 #include "Platform/PropertyList.h"
+#include "Platform/StandardStreams.h"
 
 namespace {
 
@@ -28,19 +27,16 @@ constexpr int kWrongCall = 2;
 // Runs the call with standard output diverted to standard error; false when standard
 // output could not be diverted or given back.
 bool runDiverted(const ferryhold::Invocation& call, ferryhold::Outcome& outcome) {
-    fflush(stdout);
-    int savedStdout = dup(1);
-    if (savedStdout < 0 || dup2(2, 1) < 0) {
-        fprintf(stderr, "ferryhold: cannot divert standard output: %s\n", strerror(errno));
+    platform::Error error;
+    auto diversion = platform::DivertedStandardOutput::begin(&error);
+    if (!diversion) {
+        fprintf(stderr, "ferryhold: cannot divert standard output: %s\n", strerror(int(error.code)));
         return false;
     }
     outcome = ferryhold::run(call);
-    fflush(stdout);
-    bool restored = dup2(savedStdout, 1) >= 0;
-    int code = errno;
-    close(savedStdout);
-    if (!restored) fprintf(stderr, "ferryhold: cannot restore standard output: %s\n", strerror(code));
-    return restored;
+    if (diversion->restore(&error)) return true;
+    fprintf(stderr, "ferryhold: cannot restore standard output: %s\n", strerror(int(error.code)));
+    return false;
 }
 
 int ferryholdMain(int argc, char** argv) {

@@ -6,13 +6,12 @@
 // analysis, so nothing it prints can spoil the document. Exit statuses: 0 printed,
 // 1 too few arguments, 2 standard output could not be diverted or restored,
 // 3 the analysis gave no answer.
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 
 #include "FHPathAnalysis/PathAnalyzer/FHPathAnalyzer.h"
 #include "Platform/PropertyList.h"
+#include "Platform/StandardStreams.h"
 
 namespace {
 
@@ -22,9 +21,10 @@ int reaperMain(int argc, char** argv) {
     std::string targetVersion = argv[2];
     auto analyzer = FHPathAnalyzer::initWithRootPath(rootPath);
 
-    int savedStdout = dup(1);
-    if (dup2(2, 1) < 0) {
-        int code = errno;
+    platform::Error error;
+    auto diversion = platform::DivertedStandardOutput::begin(&error);
+    if (!diversion) {
+        int code = int(error.code);
         fprintf(stderr, "failed to pipe stdout: %d %s", code, strerror(code));
         return 2;
     }
@@ -38,8 +38,8 @@ int reaperMain(int argc, char** argv) {
     platform::Dictionary result{{"ReapableSize", *size}, {"ReapablePaths", std::move(reapable)}};
     std::string document = platform::plist::toXML(platform::Value(std::move(result)));
 
-    if (dup2(savedStdout, 1) < 0) {
-        int code = errno;
+    if (!diversion->restore(&error)) {
+        int code = int(error.code);
         fprintf(stderr, "failed to unpipe stdout: %d %s", code, strerror(code));
         return 2;
     }

@@ -100,6 +100,13 @@ TEST_F(ReaperTest, ExitStatuses) {
     std::string root = makeVolume("v");
     Outcome extra = reaper({root, "10.7", "ignored", "also ignored"});
     EXPECT_EQ(0, extra.status) << extra.err;
+    // With standard error closed there is nowhere to divert standard output to.
+    int status = -1;
+    std::string out = runCommand("env FERRYHOLD_FRAMEWORK_PATH='" + bundle.path() + "' '" + FERRYHOLD_BINARY_DIR +
+                                     "/reaper' '" + root + "' 10.7 2>&-",
+                                 &status);
+    EXPECT_EQ(2, status);
+    EXPECT_EQ("", out);
 
     std::filesystem::create_directories(dir / "empty");
     Outcome empty = reaper({dir / "empty", "10.7"});  // no receipts and no fallback list
