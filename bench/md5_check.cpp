@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "Distribution_Layer/Downloader/CWDownloader.h"
+#include "Platform/File.h"
 #include "bench/BenchSupport.h"
 
 extern char** environ;
@@ -31,6 +32,8 @@ constexpr int kRuns = 5;
 constexpr uint64_t kFileSize = uint64_t(1) << 30;
 
 using bench::Clock;
+using platform::fs::File;
+using platform::fs::OpenOptions;
 using bench::median;
 using bench::secondsSince;
 double cpuSeconds(const struct rusage& usage) {
@@ -51,23 +54,17 @@ std::string loadAverage() {
 }
 
 bool makeRandomFile(const std::string& path) {
-    int in = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-    int out = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (in < 0 || out < 0) {
-        if (in >= 0) close(in);
-        if (out >= 0) close(out);
-        return false;
-    }
-    std::vector<char> buffer(1 << 20);
+    auto in = File::open("/dev/urandom");
+    auto out = File::open(path, {.access = OpenOptions::Access::Write, .create = true, .truncate = true, .mode = 0600});
+    if (!in || !out) return false;
+    std::vector<uint8_t> buffer(1 << 20);
     uint64_t written = 0;
-    bool ok = true;
-    while (ok && written < kFileSize) {
-        ssize_t n = read(in, buffer.data(), buffer.size());
-        ok = n > 0 && write(out, buffer.data(), size_t(n)) == n;
-        written += ok ? uint64_t(n) : 0;
+    while (written < kFileSize) {
+        auto n = in->read(buffer);
+        if (!n || *n == 0 || !out->writeAll({buffer.data(), *n})) return false;
+        written += *n;
     }
-    close(in);
-    return close(out) == 0 && ok;
+    return out->close();
 }
 
 struct Child {
@@ -79,12 +76,15 @@ struct Child {
 // Runs `md5sum path`, its output to a pipe (kept) or to /dev/null (timed runs).
 Child runMD5Sum(const std::string& path, bool keepOutput) {
     Child child;
-    int pipeFDs[2] = {-1, -1};
+    File reader, writer;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     if (keepOutput) {
+        int pipeFDs[2] = {-1, -1};
         if (pipe2(pipeFDs, O_CLOEXEC) != 0) return child;
-        posix_spawn_file_actions_adddup2(&actions, pipeFDs[1], STDOUT_FILENO);
+        reader = File::adopt(pipeFDs[0], "md5sum output");
+        writer = File::adopt(pipeFDs[1], "md5sum output");
+        posix_spawn_file_actions_adddup2(&actions, writer.descriptor(), STDOUT_FILENO);
     } else {
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     }
@@ -94,16 +94,16 @@ Child runMD5Sum(const std::string& path, bool keepOutput) {
     auto start = Clock::now();
     int spawned = posix_spawnp(&pid, "md5sum", &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (keepOutput) close(pipeFDs[1]);
-    if (spawned != 0) {
-        if (keepOutput) close(pipeFDs[0]);
-        return child;
-    }
+    writer.close();
+    if (spawned != 0) return child;
     if (keepOutput) {
-        std::array<char, 4096> buffer;
-        ssize_t n;
-        while ((n = read(pipeFDs[0], buffer.data(), buffer.size())) > 0) child.output.append(buffer.data(), size_t(n));
-        close(pipeFDs[0]);
+        std::array<uint8_t, 4096> buffer;
+        for (;;) {
+            auto n = reader.read(buffer);
+            if (!n || *n == 0) break;
+            child.output.append(reinterpret_cast<const char*>(buffer.data()), *n);
+        }
+        reader.close();
     }
     struct rusage usage {};
     while (wait4(pid, &child.status, 0, &usage) < 0 && errno == EINTR) {}

@@ -3,11 +3,11 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/URL.h"
 #include "TestServers.h"
@@ -16,6 +16,8 @@
 using downloadtests::FaultServer;
 using downloadtests::NginxServer;
 using platform::fs::exists;
+using platform::fs::File;
+using platform::fs::OpenOptions;
 using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
@@ -104,10 +106,11 @@ TEST_F(DownloadCommandTests, StalePartialIsWrittenAgainFromZero) {
 
 TEST_F(DownloadCommandTests, SigintKeepsBothSideFilesAndARerunCompletes) {
     std::string dest = dir / "out";
+    auto null = File::open("/dev/null", {.access = OpenOptions::Access::Write});
+    ASSERT_TRUE(null);
     pid_t pid = fork();
     if (pid == 0) {
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDERR_FILENO);
+        dup2(null->descriptor(), STDERR_FILENO);
         execl(kTool.c_str(), "crateworks", "download", faults.url("/stall").c_str(), dest.c_str(), (char*)nullptr);
         _exit(127);
     }

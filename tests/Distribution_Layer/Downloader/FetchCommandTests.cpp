@@ -7,11 +7,13 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "Platform/Digest.h"
+#include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
 #include "TestServers.h"
@@ -21,6 +23,8 @@
 using downloadtests::FaultServer;
 using downloadtests::NginxServer;
 using platform::fs::exists;
+using platform::fs::File;
+using platform::fs::OpenOptions;
 using testsupport::readFile;
 using testsupport::shellQuote;
 using testsupport::TempDir;
@@ -225,11 +229,12 @@ TEST_F(FetchCommandTests, A500OnceAndACutOffTransferSucceedOnTheirRetry) {
 TEST_F(FetchCommandTests, SigintKeepsTheResumeDataAndARerunResumesWithARange) {
     std::string body = FaultServer::body(1);
     std::string url = product("stalling", {{faults.url("/stall"), "com.example.stall", body}});
+    auto null = File::open("/dev/null", {.access = OpenOptions::Access::Write});
+    ASSERT_TRUE(null);
     pid_t pid = fork();
     if (pid == 0) {
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDOUT_FILENO);
-        dup2(null, STDERR_FILENO);
+        dup2(null->descriptor(), STDOUT_FILENO);
+        dup2(null->descriptor(), STDERR_FILENO);
         execl(kTool.c_str(), "crateworks", "fetch", url.c_str(), dest.c_str(), (char*)nullptr);
         _exit(127);
     }
@@ -292,30 +297,33 @@ TEST_F(FetchCommandTests, ProgressBarOnAPseudoTerminalNeverGoesBackAndEndsAt100)
     std::string url = product("bar", {{"big.bin", "com.example.big", big},
                                       {faults.url("/flaky/bar.bin"), "com.example.flaky", FaultServer::body(1)},
                                       {"small.bin", "com.example.small", "small"}});
-    int master = posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(grantpt(master), 0);
-    ASSERT_EQ(unlockpt(master), 0);
-    std::string slaveName = ptsname(master);
+    auto master = File::adopt(posix_openpt(O_RDWR | O_NOCTTY), "pseudo-terminal");
+    ASSERT_TRUE(master.isOpen());
+    ASSERT_EQ(grantpt(master.descriptor()), 0);
+    ASSERT_EQ(unlockpt(master.descriptor()), 0);
+    auto slave = File::open(ptsname(master.descriptor()), {.access = OpenOptions::Access::ReadWrite});
+    ASSERT_TRUE(slave);
     pid_t pid = fork();
     if (pid == 0) {
+        // The terminal becomes the controlling terminal of the tool's own session.
         setsid();
-        int slave = open(slaveName.c_str(), O_RDWR);
-        dup2(slave, STDOUT_FILENO);
-        dup2(slave, STDERR_FILENO);
-        close(master);
+        ioctl(slave->descriptor(), TIOCSCTTY, 0);
+        dup2(slave->descriptor(), STDOUT_FILENO);
+        dup2(slave->descriptor(), STDERR_FILENO);
+        master.close();
         execl(kTool.c_str(), "crateworks", "fetch", url.c_str(), dest.c_str(), (char*)nullptr);
         _exit(127);
     }
+    // Only the child may hold the terminal open, or its end never shows.
+    slave->close();
     std::string screen;
-    char buffer[4096];
+    uint8_t buffer[4096];
     for (;;) {
-        ssize_t n = read(master, buffer, sizeof buffer);
-        if (n > 0) screen.append(buffer, size_t(n));
-        else if (n < 0 && errno == EINTR) continue;
-        else break;  // EIO once the child has closed the terminal
+        auto n = master.read(buffer);
+        if (!n || *n == 0) break;  // EIO once the child has closed the terminal
+        screen.append(reinterpret_cast<const char*>(buffer), *n);
     }
-    close(master);
+    master.close();
     int status = 0;
     waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));

@@ -15,31 +15,32 @@
 
 namespace downloadtests {
 
+using platform::fs::File;
 using testsupport::runCommand;
 using testsupport::writeFile;
 
 int freePort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    auto probe = File::adopt(socket(AF_INET, SOCK_STREAM, 0), "port probe");
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    bind(probe.descriptor(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    close(fd);
+    getsockname(probe.descriptor(), reinterpret_cast<sockaddr*>(&addr), &len);
+    probe.close();
     return ntohs(addr.sin_port);
 }
 
 namespace {
 
 bool canConnect(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    auto probe = File::adopt(socket(AF_INET, SOCK_STREAM, 0), "connection probe");
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(uint16_t(port));
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    close(fd);
+    bool ok = connect(probe.descriptor(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    probe.close();
     return ok;
 }
 
@@ -160,28 +161,29 @@ std::string FaultServer::body(int version) {
 }
 
 FaultServer::FaultServer() {
-    listenFD_ = socket(AF_INET, SOCK_STREAM, 0);
+    listenSocket_ = File::adopt(socket(AF_INET, SOCK_STREAM, 0), "fault server");
+    int listenFD = listenSocket_.descriptor();
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(listenFD_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listenFD_, 16) != 0)
+    if (bind(listenFD, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listenFD, 16) != 0)
         throw std::runtime_error("fault server cannot listen");
     socklen_t len = sizeof addr;
-    getsockname(listenFD_, reinterpret_cast<sockaddr*>(&addr), &len);
+    getsockname(listenFD, reinterpret_cast<sockaddr*>(&addr), &len);
     port_ = ntohs(addr.sin_port);
     acceptThread_ = std::thread([this] { _accept(); });
 }
 
 FaultServer::~FaultServer() {
     stopping_ = true;
-    shutdown(listenFD_, SHUT_RDWR);
+    shutdown(listenSocket_.descriptor(), SHUT_RDWR);
     acceptThread_.join();
     {
         std::lock_guard lock(mutex_);
         for (int fd : clients_) shutdown(fd, SHUT_RDWR);
     }
     for (auto& t : threads_) t.join();
-    close(listenFD_);
+    listenSocket_.close();
 }
 
 std::string FaultServer::url(const std::string& path) const {
@@ -195,7 +197,7 @@ std::vector<std::string> FaultServer::requests() {
 
 void FaultServer::_accept() {
     while (!stopping_) {
-        int fd = accept(listenFD_, nullptr, nullptr);
+        int fd = accept(listenSocket_.descriptor(), nullptr, nullptr);
         if (fd < 0) return;
         std::lock_guard lock(mutex_);
         clients_.push_back(fd);
@@ -204,11 +206,23 @@ void FaultServer::_accept() {
 }
 
 void FaultServer::_serve(int fd) {
+    auto client = File::adopt(fd, "fault server client");
+    // Off the list before the descriptor goes, so that stopping never shuts down a number
+    // that has been reused.
+    auto finish = [&] {
+        shutdown(fd, SHUT_RDWR);
+        std::lock_guard lock(mutex_);
+        std::erase(clients_, fd);
+        client.close();
+    };
     std::string head;
     char buf[4096];
     while (head.find("\r\n\r\n") == std::string::npos) {
         ssize_t n = recv(fd, buf, sizeof buf, 0);
-        if (n <= 0) return;
+        if (n <= 0) {
+            finish();
+            return;
+        }
         head.append(buf, size_t(n));
     }
     std::string path = head.substr(4, head.find(' ', 4) - 4);
@@ -220,10 +234,7 @@ void FaultServer::_serve(int fd) {
     }
     if (failNow) {
         sendAll(fd, "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-        shutdown(fd, SHUT_RDWR);
-        std::lock_guard lock(mutex_);
-        std::erase(clients_, fd);
-        close(fd);
+        finish();
         return;
     }
     std::string etag = "\"v1\"";
@@ -255,10 +266,7 @@ void FaultServer::_serve(int fd) {
     } else {
         sendAll(fd, rest);
     }
-    shutdown(fd, SHUT_RDWR);
-    std::lock_guard lock(mutex_);
-    std::erase(clients_, fd);
-    close(fd);
+    finish();
 }
 
 }  // namespace downloadtests

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/File.h"
+
 namespace downloadtests {
 
 // A loopback port that was free a moment ago.
@@ -60,7 +62,8 @@ public:
 private:
     void _accept();
     void _serve(int fd);
-    int listenFD_ = -1, port_ = 0;
+    platform::fs::File listenSocket_;
+    int port_ = 0;
     std::atomic<bool> stopping_{false};
     std::atomic<int> changingCount_{0};
     std::mutex mutex_;

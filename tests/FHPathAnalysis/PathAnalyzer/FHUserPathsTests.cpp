@@ -11,6 +11,7 @@
 #include "FHPathAnalysis/FindSystemFiles/FHFindSystemFiles.h"
 #include "FHPathAnalysis/FindSystemFiles/FHSystemPathCache.h"
 #include "FHPathAnalysis/PathAnalyzer/FHPathAnalyzer.h"
+#include "Platform/File.h"
 #include "Platform/Log.h"
 #include "Platform/PropertyList.h"
 #include "support/FrameworkFixture.h"
@@ -62,12 +63,12 @@ protected:
 };
 
 void makeSocket(const std::string& path) {
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    auto unixSocket = platform::fs::File::adopt(socket(AF_UNIX, SOCK_STREAM, 0), path);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address)) << path;
-    close(fd);
+    ASSERT_EQ(0, bind(unixSocket.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address)) << path;
+    unixSocket.close();
 }
 
 }  // namespace

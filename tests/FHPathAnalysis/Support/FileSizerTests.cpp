@@ -14,6 +14,7 @@
 #include "FHPathAnalysis/Support/FileSizer.h"
 #include "Platform/CatalogueIterator.h"
 #include "Platform/CatalogueSession.h"
+#include "Platform/File.h"
 #include "Platform/Log.h"
 #include "support/TempDir.h"
 
@@ -209,25 +210,27 @@ TEST_F(FileSizerTest, UnreadableSubdirectoryForAnUnprivilegedProcess) {
 
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
+    auto reader = platform::fs::File::adopt(fds[0], "size pipe");
+    auto writer = platform::fs::File::adopt(fds[1], "size pipe");
     pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        close(fds[0]);
+        reader.close();
         platform::setConsoleSink([](std::string_view) {});
         platform::setSystemLogSink([](int, std::string_view) {});
         if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
         uint64_t size = FileSizer::sizeForPath(root);
-        _exit(write(fds[1], &size, sizeof size) == sizeof size ? 0 : 3);
+        _exit(writer.writeAll({reinterpret_cast<const uint8_t*>(&size), sizeof size}) ? 0 : 3);
     }
-    close(fds[1]);
+    writer.close();
     uint64_t size = 0;
-    ssize_t got = read(fds[0], &size, sizeof size);
-    close(fds[0]);
+    auto got = reader.read({reinterpret_cast<uint8_t*>(&size), sizeof size});
+    reader.close();
     int status = 0;
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
     ASSERT_EQ(0, WEXITSTATUS(status));
-    ASSERT_EQ(ssize_t(sizeof size), got);
+    ASSERT_EQ(std::optional<size_t>(sizeof size), got);
     EXPECT_EQ(expected, size);
 }
 
