@@ -11,6 +11,10 @@
 
 namespace platform::acl {
 
+// Whether the item has an extended access ACL, without following a final symbolic link;
+// false when it has none, is a link, or cannot be read.
+bool hasExtendedACL(const std::string& path);
+
 // The text form (acl_to_text) of the item's extended access ACL, without following a
 // final symbolic link. Absent when the item has none, is a link, or cannot be read.
 std::optional<std::string> extendedACLText(const std::string& path);

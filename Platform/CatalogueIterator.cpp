@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "Platform/CatalogueSession.h"
+#include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
 
@@ -149,7 +150,7 @@ void CatalogueIterator::close() {
     if (session_)
         session_->releaseDescriptor(descriptor_);
     else
-        ::close(descriptor_);
+        fs::File::adopt(descriptor_, {}).close();
     descriptor_ = -1;
 }
 

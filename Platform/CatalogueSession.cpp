@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "Platform/CatalogueIterator.h"
+#include "Platform/File.h"
 
 namespace platform {
 
@@ -262,7 +263,7 @@ void CatalogueSession::releaseDescriptor(int descriptor) {
         closeWhenDone_[size_t(descriptor)] = 1;
         return;
     }
-    ::close(descriptor);
+    fs::File::adopt(descriptor, {}).close();
 }
 
 void CatalogueSession::_retain(int descriptor) {
@@ -277,7 +278,7 @@ void CatalogueSession::_release(int descriptor) {
     uint32_t& count = references_[size_t(descriptor)];
     if (--count == 0 && closeWhenDone_[size_t(descriptor)]) {
         closeWhenDone_[size_t(descriptor)] = 0;
-        ::close(descriptor);
+        fs::File::adopt(descriptor, {}).close();
     }
 }
 

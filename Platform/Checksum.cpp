@@ -1,10 +1,8 @@
 #include "Platform/Checksum.h"
 
 #include <array>
-#include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
-#include <vector>
+
+#include "Platform/FileSystem.h"
 
 namespace platform::checksum {
 
@@ -63,21 +61,12 @@ uint32_t compute(std::span<const uint8_t> bytes) {
 }
 
 std::optional<uint32_t> ofFile(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return std::nullopt;
     Crc32 crc;
-    std::vector<uint8_t> buf(1 << 16);
-    for (;;) {
-        ssize_t n = read(fd, buf.data(), buf.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            close(fd);
-            return std::nullopt;
-        }
-        if (n == 0) break;
-        crc.update(std::span<const uint8_t>(buf.data(), size_t(n)));
-    }
-    close(fd);
+    bool read = fs::readInChunks(path, size_t(1) << 16, [&](std::span<const uint8_t> chunk) {
+        crc.update(chunk);
+        return true;
+    });
+    if (!read) return std::nullopt;
     return crc.value();
 }
 

@@ -59,8 +59,8 @@ std::optional<Data> readRegularFileNoFollow(const std::string& path, Dictionary*
     auto file = File::open(path, {.followFinalLink = false, .nonBlocking = true});
     if (!file) return std::nullopt;
     struct statx sx {};
-    if (statx(file->descriptor(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0 || !S_ISREG(sx.stx_mode))
-        return std::nullopt;
+    if (statx(file->descriptor(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) return std::nullopt;
+    if (!S_ISREG(sx.stx_mode)) return std::nullopt;
     auto out = file->readToEnd();
     if (out && attributes) *attributes = detail::attributesFromStatx(sx);
     return out;

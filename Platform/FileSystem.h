@@ -70,10 +70,6 @@ std::optional<Data> readRegularFileNoFollow(const std::string& path, Dictionary*
 // writes through a symbolic link at either path.
 bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, Error* error = nullptr);
 
-// Writes all of `bytes` to the descriptor, going on after partial writes and EINTR;
-// false (errno set) when the descriptor refuses.
-bool writeAll(int fd, std::span<const uint8_t> bytes);
-
 bool removeItem(const std::string& path, Error* error = nullptr);  // unlink, or rmdir for a directory
 // rename(2): replaces an item at `to` (a symbolic link there is replaced, not followed).
 bool moveItem(const std::string& from, const std::string& to, Error* error = nullptr);

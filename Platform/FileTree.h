@@ -1,5 +1,5 @@
-// Whole-tree file operations: recursive copy and removal, link targets, and copying a
-// byte range between descriptors inside the kernel.
+// Whole-tree file operations: recursive copy and removal, link targets, and writing a
+// file in place.
 #pragma once
 
 #include <cstdint>
@@ -20,10 +20,8 @@ bool copyItem(const std::string& source, const std::string& destination, Error* 
 bool writeFile(const std::string& path, std::span<const uint8_t> bytes, Error* error = nullptr);
 // Removes the item and, for a directory, everything below it; links are not followed.
 bool removeTree(const std::string& path, Error* error = nullptr);
-// The target of a symbolic link; absent when the item is not one.
+// The target of a symbolic link, byte for byte, however long (a final link is the one
+// read, not followed); absent when the item is not a link or cannot be read.
 std::optional<std::string> readSymbolicLink(const std::string& path);
-// Appends `length` bytes of `inFd` from `offset` at the current position of `outFd`
-// (copy_file_range, read/write where that is refused). False with errno set.
-bool appendRange(int inFd, uint64_t offset, uint64_t length, int outFd);
 
 }  // namespace platform::fs

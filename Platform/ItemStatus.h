@@ -1,7 +1,7 @@
 // What an item records about itself without following a final symbolic link: the raw
-// status a bill of materials stores, a link's destination, and whether copying the
-// item's metadata (extended attributes, optionally its access-control list) would carry
-// anything beyond the mode bits.
+// status a bill of materials stores, and whether copying the item's metadata (extended
+// attributes, optionally its access-control list) would carry anything beyond the mode
+// bits. A link's destination is fs::readSymbolicLink (FileTree.h).
 #pragma once
 
 #include <cstdint>
@@ -22,10 +22,6 @@ struct ItemStatus {
 
 // lstat of the item; absent when it cannot be read.
 std::optional<ItemStatus> itemStatus(const std::string& path);
-
-// The destination a symbolic link holds, byte for byte; absent when the item is not a
-// link or cannot be read.
-std::optional<std::string> linkDestination(const std::string& path);
 
 // Whether packing the item's extended attributes (and, with includeACLs, an access ACL
 // that says more than the mode bits) would carry anything. Links are not followed.

@@ -41,8 +41,10 @@ std::unique_ptr<Process> Process::spawn(const std::string& path, const std::vect
         if (error) *error = fs::posixError(errno, path);
         return nullptr;
     }
+    auto output = fs::File::adopt(fds[0], path);
+    auto childOutput = fs::File::adopt(fds[1], path);
     SpawnFileActions actions;
-    posix_spawn_file_actions_adddup2(actions.get(), fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(actions.get(), childOutput.descriptor(), STDOUT_FILENO);
 
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(path.c_str()));
@@ -51,13 +53,12 @@ std::unique_ptr<Process> Process::spawn(const std::string& path, const std::vect
 
     pid_t pid = 0;
     int result = posix_spawn(&pid, path.c_str(), actions.get(), nullptr, argv.data(), environ);
-    close(fds[1]);
+    childOutput.close();
     if (result != 0) {
-        close(fds[0]);
         if (error) *error = fs::posixError(result, path);
         return nullptr;
     }
-    return std::unique_ptr<Process>(new Process(pid, fds[0]));
+    return std::unique_ptr<Process>(new Process(pid, std::move(output)));
 }
 
 Process::~Process() {
@@ -73,18 +74,12 @@ Process::~Process() {
 }
 
 ssize_t Process::readOutput(std::span<char> buffer) {
-    if (outputFD_ < 0) return -1;
-    for (;;) {
-        ssize_t n = read(outputFD_, buffer.data(), buffer.size());
-        if (n >= 0 || errno != EINTR) return n;
-    }
+    if (!output_) return -1;
+    auto n = output_.read({reinterpret_cast<uint8_t*>(buffer.data()), buffer.size()});
+    return n ? ssize_t(*n) : -1;
 }
 
-void Process::closeOutput() {
-    if (outputFD_ < 0) return;
-    close(outputFD_);
-    outputFD_ = -1;
-}
+void Process::closeOutput() { output_.close(); }
 
 void Process::_recordWaitStatus(int status) {
     if (WIFEXITED(status))

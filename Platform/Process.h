@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Platform/Error.h"
+#include "Platform/File.h"
 
 namespace platform {
 
@@ -41,11 +42,11 @@ public:
     int waitUntilExit();
 
 private:
-    Process(pid_t pid, int outputFD) : pid_(pid), outputFD_(outputFD) {}
+    Process(pid_t pid, fs::File output) : pid_(pid), output_(std::move(output)) {}
     void _recordWaitStatus(int status);
 
     pid_t pid_;
-    int outputFD_;
+    fs::File output_;
     std::optional<int> exitStatus_;
 };
 

@@ -51,11 +51,11 @@ void RunLoop::makeCurrentThreadMain() {
     mainLoop() = loop;
 }
 
-RunLoop::RunLoop() : owner_(std::this_thread::get_id()), wakeFD_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+RunLoop::RunLoop()
+    : owner_(std::this_thread::get_id()),
+      wake_(fs::File::adopt(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "run loop wake-up")) {}
 
-RunLoop::~RunLoop() {
-    if (wakeFD_ >= 0) close(wakeFD_);
-}
+RunLoop::~RunLoop() = default;
 
 void RunLoop::perform(std::function<void()> call) {
     {
@@ -80,8 +80,9 @@ void RunLoop::performAndWait(const std::function<void()>& call) {
 }
 
 void RunLoop::wakeUp() {
+    // A full counter (EAGAIN) already means "wake up".
     uint64_t one = 1;
-    [[maybe_unused]] ssize_t n = write(wakeFD_, &one, sizeof one);
+    wake_.writeAll({reinterpret_cast<const uint8_t*>(&one), sizeof one});
 }
 
 std::shared_ptr<RunLoopTimer> RunLoop::addTimer(double interval, bool repeats, std::function<void()> action) {
@@ -127,13 +128,13 @@ RunLoop::Clock::time_point RunLoop::_nextTimerFire(Clock::time_point deadline) c
 
 bool RunLoop::_runOnce(Clock::time_point deadline) {
     std::vector<pollfd> fds;
-    fds.push_back(pollfd{wakeFD_, POLLIN, 0});
+    fds.push_back(pollfd{wake_.descriptor(), POLLIN, 0});
     for (const auto& w : watches_) fds.push_back(pollfd{w.fd, w.events, 0});
     int ready = poll(fds.data(), fds.size(), millisecondsUntil(_nextTimerFire(deadline)));
     if (ready < 0 && errno != EINTR) return false;
     if (fds[0].revents) {
         uint64_t count;
-        [[maybe_unused]] ssize_t n = read(wakeFD_, &count, sizeof count);
+        wake_.read({reinterpret_cast<uint8_t*>(&count), sizeof count});
     }
     _performPosted();
     for (size_t i = 1; i < fds.size() && ready > 0; ++i) {

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/File.h"
+
 namespace platform {
 
 class RunLoop;
@@ -88,7 +90,7 @@ private:
     };
 
     std::thread::id owner_;
-    int wakeFD_;
+    fs::File wake_;  // an eventfd: written to wake the loop, read to rearm it
     std::mutex postedMutex_;
     std::vector<std::function<void()>> posted_;
     std::vector<std::shared_ptr<RunLoopTimer>> timers_;

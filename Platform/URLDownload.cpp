@@ -2,10 +2,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
 #include "Platform/Strings.h"
 #include "Platform/URLErrors.h"
@@ -81,7 +81,7 @@ URLDownload::~URLDownload() {
 }
 
 void URLDownload::setDestination(const std::string& path, bool allowOverwrite) {
-    if (fd_ >= 0 || finished_) return;
+    if (destinationFile_ || finished_) return;
     destination_ = path;
     allowOverwrite_ = allowOverwrite;
 }
@@ -179,8 +179,9 @@ void URLDownload::connectionDidReceiveResponse(URLConnection&, const URLResponse
         _fail(_error(kURLErrorCannotCreateFile, "no destination"));
         return;
     }
-    if (!_openDestination(continues)) {
-        _fail(_error(kURLErrorCannotCreateFile, *destination_ + ": " + strerror(errno)));
+    Error openError;
+    if (!_openDestination(continues, &openError)) {
+        _fail(_error(kURLErrorCannotCreateFile, *destination_ + ": " + strerror(int(openError.code))));
         return;
     }
     bytesOnDisk_ = continues ? resumeOffset_ : 0;
@@ -189,37 +190,36 @@ void URLDownload::connectionDidReceiveResponse(URLConnection&, const URLResponse
     else delegate_->downloadDidReceiveResponse(*this, response);
 }
 
-bool URLDownload::_openDestination(bool append) {
-    int flags = O_WRONLY | O_CREAT | O_CLOEXEC;
-    if (!append && !isResume_ && !allowOverwrite_) flags |= O_EXCL;
-    if (!append) flags |= O_TRUNC;
-    fd_ = open(destination_->c_str(), flags, 0644);
-    if (fd_ < 0) return false;
-    if (append && (ftruncate(fd_, resumeOffset_) != 0 || lseek(fd_, resumeOffset_, SEEK_SET) < 0)) {
-        _closeDestination();
-        return false;
+bool URLDownload::_openDestination(bool append, Error* error) {
+    auto file = fs::File::open(*destination_,
+                               {.access = fs::OpenOptions::Access::Write,
+                                .create = true,
+                                .exclusive = !append && !isResume_ && !allowOverwrite_,
+                                .truncate = !append,
+                                .mode = 0644},
+                               error);
+    if (!file) return false;
+    if (append) {
+        if (!file->truncate(uint64_t(resumeOffset_), error)) return false;
+        if (lseek(file->descriptor(), resumeOffset_, SEEK_SET) < 0) {
+            setError(error, fs::posixError(errno, *destination_));
+            return false;
+        }
     }
+    destinationFile_ = std::move(*file);
     return true;
 }
 
-void URLDownload::_closeDestination() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-}
+void URLDownload::_closeDestination() { destinationFile_.close(); }
 
 void URLDownload::connectionDidReceiveData(URLConnection&, std::span<const uint8_t> bytes) {
-    if (fd_ < 0) return;
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = write(fd_, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            _fail(_error(kURLErrorCannotWriteToFile, *destination_ + ": " + strerror(errno)));
-            return;
-        }
-        done += size_t(n);
-        bytesOnDisk_ += n;
+    if (!destinationFile_) return;
+    Error error;
+    if (!destinationFile_.writeAll(bytes, &error)) {
+        _fail(_error(kURLErrorCannotWriteToFile, *destination_ + ": " + strerror(int(error.code))));
+        return;
     }
+    bytesOnDisk_ += int64_t(bytes.size());
     if (delegate_) delegate_->downloadDidReceiveDataOfLength(*this, bytes.size());
 }
 
@@ -233,7 +233,7 @@ void URLDownload::connectionDidFinishLoading(URLConnection&) {
 
 void URLDownload::connectionDidFailWithError(URLConnection&, const Error& error) {
     auto self = shared_from_this();
-    bool wroteFile = fd_ >= 0;
+    bool wroteFile = destinationFile_.isOpen();
     _closeDestination();
     if (wroteFile && deletesFileUponFailure_) {
         unlink(destination_->c_str());

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 
+#include "Platform/File.h"
 #include "Platform/URLConnection.h"
 #include "Platform/Value.h"
 
@@ -93,7 +94,7 @@ private:
     URLDownload(const URLRequest& request, URLDownloadDelegate* delegate, URLTransferOptions options);
     void _start();
     void _connect();
-    bool _openDestination(bool append);
+    bool _openDestination(bool append, Error* error);
     void _closeDestination();
     void _fail(const Error& error);
     Error _error(int code, const std::string& description, Dictionary extra = {}) const;
@@ -113,7 +114,7 @@ private:
     bool isResume_ = false;
     bool resumable_ = false;
     std::string validatorField_, validator_;
-    int fd_ = -1;
+    fs::File destinationFile_;
     int64_t bytesOnDisk_ = 0;
 };
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "Platform/Checksum.h"
+#include "Platform/FileTree.h"
 #include "Platform/ItemStatus.h"
 
 namespace crateworks::bom {
@@ -43,7 +44,7 @@ bool fillFileData(BOMEntry& entry, const std::string& path, const platform::fs::
         return true;
     }
     case kEntrySymbolicLink: {
-        auto target = platform::fs::linkDestination(path);
+        auto target = platform::fs::readSymbolicLink(path);
         if (!target) return false;
         entry.size = target->size();
         if (allData)
