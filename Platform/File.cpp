@@ -89,9 +89,11 @@ std::optional<File> File::openAt(const File& directory, const std::string& name,
 
 File File::adopt(int descriptor, std::string path) { return File(descriptor, std::move(path)); }
 
-std::optional<File> File::createTemporary(const std::string& directory, Error* error) {
+std::optional<File> File::createTemporary(const std::string& directory, Error* error,
+                                          const std::string& displayPath) {
+    std::string shown = displayPath.empty() ? directory : displayPath;
     int fd = ::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-    if (fd >= 0) return File(fd, directory);
+    if (fd >= 0) return File(fd, shown);
     if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
         failWith(error, directory, errno);
         return std::nullopt;
@@ -103,7 +105,7 @@ std::optional<File> File::createTemporary(const std::string& directory, Error* e
         return std::nullopt;
     }
     unlink(name.c_str());
-    return File(fd, directory);
+    return File(fd, shown);
 }
 
 bool File::_fail(Error* error, int code) const { return failWith(error, path_, code); }

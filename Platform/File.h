@@ -47,8 +47,10 @@ public:
     // Takes ownership of a descriptor another call made; `path` is what errors name.
     static File adopt(int descriptor, std::string path);
     // A new unnamed file in `directory` for scratch data, gone when closed (O_TMPFILE;
-    // a name unlinked at once where the file system has no unnamed files).
-    static std::optional<File> createTemporary(const std::string& directory, Error* error = nullptr);
+    // a name unlinked at once where the file system has no unnamed files). Its errors
+    // name `displayPath`, or the directory when that is empty.
+    static std::optional<File> createTemporary(const std::string& directory, Error* error = nullptr,
+                                               const std::string& displayPath = {});
 
     bool isOpen() const { return fd_ >= 0; }
     explicit operator bool() const { return isOpen(); }

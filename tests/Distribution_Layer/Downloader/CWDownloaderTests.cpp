@@ -421,9 +421,11 @@ TEST_F(DownloaderTests, LocalFilesAreCopiedAndTheirSizeChecked) {
               (std::vector<std::string>{"start", "finish copied", "retry? short", "fail short", "stop"}));
     EXPECT_EQ(readFile(dir / "copied.bin"), contents);
     const platform::Error& error = recorder.errors.at("short");
-    EXPECT_EQ(error.code, 259);
+    // The same domain and path key as a damaged archive or product index.
+    EXPECT_EQ(error.domain, platform::kGeneralErrorDomain);
+    EXPECT_EQ(error.code, platform::kFileReadCorruptFileError);
     EXPECT_EQ(error.description(), "Post-copy size check failed.");
-    EXPECT_EQ(*error.userInfo.findString("path"), dir / "short.bin.partial");
+    EXPECT_EQ(*error.userInfo.findString(platform::kFilePathErrorKey), dir / "short.bin.partial");
     EXPECT_FALSE(exists(dir / "short.bin"));
     expectNoSideFiles(dir / "copied.bin");
     recorder.expectProgressRoseTo100();

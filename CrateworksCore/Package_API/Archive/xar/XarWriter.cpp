@@ -49,7 +49,8 @@ std::unique_ptr<XarWriter> XarWriter::open(const std::string& path, platform::Er
     // The heap is gathered beside the archive (same file system, so that it can be
     // copied in inside the kernel) and appended once the TOC is known.
     std::string directory = platform::path::deletingLastComponent(path);
-    auto heap = platform::fs::File::createTemporary(directory.empty() ? "." : directory, error);
+    // Its errors (a full disk, say) name the archive being written.
+    auto heap = platform::fs::File::createTemporary(directory.empty() ? "." : directory, error, path);
     if (!heap) return nullptr;
     return std::unique_ptr<XarWriter>(new XarWriter(path, std::move(*output), std::move(*heap)));
 }
@@ -70,8 +71,11 @@ std::optional<std::string> XarWriter::option(std::string_view name) const {
     return std::nullopt;
 }
 
-File XarWriter::_newEntry(File parent, std::string_view name, std::string type, platform::Error* error) {
-    std::string shown = parent ? parent->path + "/" + std::string(name) : std::string(name);
+File XarWriter::_newEntry(File parent, std::string_view name, std::string type, platform::Error* error,
+                          const std::string& displayPath) {
+    std::string shown = !displayPath.empty() ? displayPath
+                        : parent         ? parent->path + "/" + std::string(name)
+                                         : std::string(name);
     if (!output_) {
         platform::setError(error, refusal(path_, EBADF, "the archive is closed"));
         return nullptr;
@@ -188,7 +192,7 @@ File XarWriter::addFromItem(File parent, std::string_view name, const platform::
     bool streamed = content && size && size->unsignedInteger().value_or(0) > kMaxInMemoryEntrySize;
     if (content && !streamed && !(bytes = content->readToEnd(error))) return nullptr;
 
-    File f = _newEntry(parent, name, type, error);
+    File f = _newEntry(parent, name, type, error, displayPath);
     if (!f) return nullptr;
     if (target) {
         const char* followed = fileTypeAt(directory, itemName, true);

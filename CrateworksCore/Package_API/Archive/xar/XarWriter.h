@@ -85,7 +85,9 @@ public:
 
 private:
     XarWriter(std::string path, platform::fs::AtomicFile output, platform::fs::File heap);
-    File _newEntry(File parent, std::string_view name, std::string type, platform::Error* error);
+    // `displayPath` names the entry in errors; its path in the archive when empty.
+    File _newEntry(File parent, std::string_view name, std::string type, platform::Error* error,
+                   const std::string& displayPath = {});
     void _setProperty(File file, std::string name, std::string value);
     HeapWriter& _heapWriter();
     bool _write(platform::Error* error);
