@@ -179,20 +179,29 @@ bool XarReader::extractInto(File file, platform::Data& stored, platform::Data& o
            checksumMatches(d.extractedChecksumStyle, d.extractedChecksum, out);
 }
 
-bool XarReader::extractToFile(File file, const std::string& destination, platform::Error* error) const {
+namespace {
+// Runs `step` with an extractor rooted at the destination's directory and the
+// destination's last component.
+template <typename Step>
+bool atDestination(const XarReader& reader, const std::string& destination, platform::Error* error, Step step) {
     std::string standardized = platform::path::standardize(destination);
     auto root = platform::ExtractionRoot::open(platform::path::deletingLastComponent(standardized), false, error);
     if (!root) return false;
-    XarExtractor extractor(*this, *root);
-    return extractor.extractEntry(file, platform::path::lastComponent(standardized), error);
+    XarExtractor extractor(reader, *root);
+    return step(extractor, platform::path::lastComponent(standardized));
+}
+}  // namespace
+
+bool XarReader::extractToFile(File file, const std::string& destination, platform::Error* error) const {
+    return atDestination(*this, destination, error, [&](XarExtractor& extractor, const std::string& name) {
+        return extractor.extractEntry(file, name, error);
+    });
 }
 
 bool XarReader::finishDirectory(File file, const std::string& destination, platform::Error* error) const {
-    std::string standardized = platform::path::standardize(destination);
-    auto root = platform::ExtractionRoot::open(platform::path::deletingLastComponent(standardized), false, error);
-    if (!root) return false;
-    XarExtractor extractor(*this, *root);
-    return extractor.finishDirectory(file, platform::path::lastComponent(standardized), error);
+    return atDestination(*this, destination, error, [&](XarExtractor& extractor, const std::string& name) {
+        return extractor.finishDirectory(file, name, error);
+    });
 }
 
 std::optional<platform::Data> XarReader::signatureBytes(const Signature& signature) const {
