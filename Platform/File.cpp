@@ -136,10 +136,11 @@ std::optional<size_t> File::readAt(uint64_t offset, std::span<uint8_t> buffer, E
     return done;
 }
 
-std::optional<Data> File::readToEnd(Error* error) {
+std::optional<Data> File::readToEnd(Error* error, std::optional<uint64_t> expectedSize) {
     Data out;
     struct stat st {};
-    if (fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) out.reserve(size_t(st.st_size));
+    if (expectedSize) out.reserve(size_t(*expectedSize));
+    else if (fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) out.reserve(size_t(st.st_size));
     uint8_t buffer[65536];
     for (;;) {
         auto n = read(buffer, error);
@@ -226,6 +227,10 @@ bool File::isDirectory() const {
 }
 
 bool File::sync(Error* error) { return ::fsync(fd_) == 0 || _fail(error, errno); }
+
+void File::startWriteback(uint64_t offset, uint64_t length) {
+    sync_file_range(fd_, off64_t(offset), off64_t(length), SYNC_FILE_RANGE_WRITE);
+}
 
 bool File::truncate(uint64_t length, Error* error) {
     for (;;) {

@@ -62,8 +62,9 @@ public:
     std::optional<size_t> read(std::span<uint8_t> buffer, Error* error = nullptr);
     // Reads from `offset` until `buffer` is full or the file ends: the number read.
     std::optional<size_t> readAt(uint64_t offset, std::span<uint8_t> buffer, Error* error = nullptr) const;
-    // Everything from the file position to the end.
-    std::optional<Data> readToEnd(Error* error = nullptr);
+    // Everything from the file position to the end; `expectedSize`, when known, spares
+    // asking the file for its size.
+    std::optional<Data> readToEnd(Error* error = nullptr, std::optional<uint64_t> expectedSize = std::nullopt);
     // All of `buffer` from `offset`; a file that ends sooner is an error (EIO).
     bool readExactlyAt(uint64_t offset, std::span<uint8_t> buffer, Error* error = nullptr) const;
     // All of `bytes` at the file position / at `offset`.
@@ -79,6 +80,9 @@ public:
     bool isRegularFile() const;
     bool isDirectory() const;
     bool sync(Error* error = nullptr);
+    // Starts writing the range back to the disk without waiting for it, so that a
+    // later sync has less left to wait for. A hint: nothing is reported.
+    void startWriteback(uint64_t offset, uint64_t length);
     bool truncate(uint64_t length, Error* error = nullptr);
     // Permission bits and modification date of the open file.
     bool setMode(mode_t mode, Error* error = nullptr);

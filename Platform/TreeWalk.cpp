@@ -39,10 +39,10 @@ bool TreeWalk::_push(File directory, std::string relativePath, Error* error) {
         if (fd >= 0) ::close(fd);
         return _fail(error, posixError(saved, shown));
     }
-    std::vector<std::string> names;
+    std::vector<std::pair<std::string, unsigned char>> names;
     errno = 0;
     while (struct dirent* e = readdir(dir)) {
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.emplace_back(e->d_name);
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.emplace_back(e->d_name, e->d_type);
         errno = 0;
     }
     int listingError = errno;
@@ -75,17 +75,21 @@ std::optional<TreeWalk::Item> TreeWalk::next(Error* error) {
             levels_.pop_back();
             continue;
         }
-        const std::string& name = level.names[level.next++];
+        const auto& [name, type] = level.names[level.next++];
         Item item;
         item.name = name;
         item.relativePath = level.relativePath.empty() ? name : level.relativePath + "/" + name;
         item.depth = unsigned(levels_.size());
+        // The listing's type where the file system gives one; a look otherwise.
         struct stat st {};
-        if (fstatat(level.directory.descriptor(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (type != DT_UNKNOWN) {
+            item.isDirectory = type == DT_DIR;
+        } else if (fstatat(level.directory.descriptor(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            item.isDirectory = S_ISDIR(st.st_mode);
+        } else {
             _fail(error, posixError(errno, displayPath(item)));
             return std::nullopt;
         }
-        item.isDirectory = S_ISDIR(st.st_mode);
         current_ = item;
         return item;
     }

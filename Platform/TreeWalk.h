@@ -41,7 +41,7 @@ private:
     struct Level {
         File directory;
         std::string relativePath;
-        std::vector<std::string> names;
+        std::vector<std::pair<std::string, unsigned char>> names;  // with their d_type
         size_t next = 0;
     };
     TreeWalk(std::string rootPath) : rootPath_(std::move(rootPath)) {}

@@ -3,6 +3,10 @@
 # text and binary content): creation time and size, and extraction time of the same
 # gzip archive. Prints both times and the ratios (ours / bsdtar; lower is better).
 #   bench/xar_bench.sh [BUILD_DIR]   (default: build)
+# With XAR_BENCH_BASELINE naming another crateworks binary (an earlier build), its
+# create is timed against ours too, five runs each in turns, medians compared: what
+# writing beside OUT, syncing and renaming costs. Point XAR_BENCH_DIR at a disk-backed
+# directory to include a real sync.
 # The work happens in memory (XAR_BENCH_DIR, default /dev/shm) so that the figures
 # measure the two programs rather than the disk's write-back.
 set -euo pipefail
@@ -93,3 +97,18 @@ report "create:" "$t_our_create" "$t_bsd_create"
 printf '%-26s crateworks %d bytes  bsdtar %d bytes  ratio %s\n' "size:" "$s_our" "$s_bsd" "$(ratio "$s_our" "$s_bsd")"
 report "extract (bsdtar archive):" "$t_our_extract" "$t_bsd_extract"
 report "extract (our archive):" "$t_our_extract2" "$t_bsd_extract2"
+
+if [ -n "${XAR_BENCH_BASELINE:-}" ]; then
+  baseline=$(realpath "$XAR_BENCH_BASELINE")
+  walls_ours=() walls_base=()
+  for _ in 1 2 3 4 5; do
+    rm -f "$work/base.xar" "$work/ours.xar"; sync
+    walls_base+=("$(wall "$(timed "$baseline" xar create "$work/base.xar" "$work/tree")")")
+    rm -f "$work/base.xar"; sync
+    walls_ours+=("$(wall "$(timed "$crateworks" xar create "$work/ours.xar" "$work/tree")")")
+  done
+  median5() { printf '%s\n' "$@" | sort -n | sed -n 3p; }
+  m_ours=$(median5 "${walls_ours[@]}") m_base=$(median5 "${walls_base[@]}")
+  printf '%-26s crateworks %5.2fs  baseline %5.2fs  ratio %s (medians of 5, in %s)\n' "create vs baseline:" \
+    "$m_ours" "$m_base" "$(ratio "$m_ours" "$m_base")" "$base"
+fi

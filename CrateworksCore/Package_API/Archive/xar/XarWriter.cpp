@@ -16,6 +16,8 @@
 namespace crateworks::xar {
 
 namespace {
+constexpr uint64_t kWritebackPiece = 16ull << 20;
+
 std::string octalMode(uint64_t mode) { return fmt::format("{:04o}", unsigned(mode & 07777)); }
 
 std::string isoDate(const platform::Value* v) {
@@ -161,12 +163,13 @@ File XarWriter::addFromItem(File parent, std::string_view name, const platform::
         content = platform::fs::File::openAt(directory, itemName, {.followFinalLink = false, .nonBlocking = true},
                                              error, displayPath);
         if (!content) return nullptr;
-        if (!content->isRegularFile()) {
+        attributes = content->attributes(error);
+        if (!attributes) return nullptr;
+        const std::string* openedType = attributes->findString(kFileType);
+        if (!openedType || *openedType != kFileTypeRegular) {
             platform::setError(error, refusal(displayPath, EAGAIN, "changed while it was archived"));
             return nullptr;
         }
-        attributes = content->attributes(error);
-        if (!attributes) return nullptr;
         type = "file";
     } else if (fsType && *fsType == kFileTypeDirectory) {
         type = "directory";
@@ -189,8 +192,9 @@ File XarWriter::addFromItem(File parent, std::string_view name, const platform::
 
     std::optional<platform::Data> bytes;
     const platform::Value* size = attributes->find(kFileSize);
-    bool streamed = content && size && size->unsignedInteger().value_or(0) > kMaxInMemoryEntrySize;
-    if (content && !streamed && !(bytes = content->readToEnd(error))) return nullptr;
+    uint64_t byteCount = size ? size->unsignedInteger().value_or(0) : 0;
+    bool streamed = content && byteCount > kMaxInMemoryEntrySize;
+    if (content && !streamed && !(bytes = content->readToEnd(error, byteCount))) return nullptr;
 
     File f = _newEntry(parent, name, type, error, displayPath);
     if (!f) return nullptr;
@@ -326,8 +330,20 @@ bool XarWriter::_write(platform::Error* error) {
     }
     std::string header = serializeHeader(tocStyle, compressed.size(), xml.size());
     platform::fs::File& out = output_->file();
-    return out.writeAll({reinterpret_cast<const uint8_t*>(header.data()), header.size()}, error) &&
-           out.writeAll(compressed, error) && out.appendRangeOf(heap_, 0, heapEnd, error);
+    if (!out.writeAll({reinterpret_cast<const uint8_t*>(header.data()), header.size()}, error) ||
+        !out.writeAll(compressed, error))
+        return false;
+    // The heap goes in by pieces, each sent on to the disk while the next is copied, so
+    // that the sync before the archive takes OUT's place finds little left to write.
+    uint64_t written = header.size() + compressed.size();
+    for (uint64_t done = 0; done < heapEnd;) {
+        uint64_t piece = std::min<uint64_t>(kWritebackPiece, heapEnd - done);
+        if (!out.appendRangeOf(heap_, done, piece, error)) return false;
+        out.startWriteback(written, piece);
+        written += piece;
+        done += piece;
+    }
+    return true;
 }
 
 }  // namespace crateworks::xar
