@@ -9,6 +9,8 @@
 #include <utility>
 #include <cstring>
 
+#include "Platform/ProcessInfo.h"
+
 namespace platform {
 
 namespace {
@@ -26,15 +28,6 @@ SystemLogSink& systemLogSink() {
     return sink;
 }
 
-std::string programName() {
-    char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n <= 0) return "unknown";
-    buf[n] = 0;
-    const char* slash = strrchr(buf, '/');
-    return slash ? slash + 1 : buf;
-}
-
 void defaultConsole(std::string_view message) {
     using namespace std::chrono;
     auto now = system_clock::now();
@@ -42,7 +35,7 @@ void defaultConsole(std::string_view message) {
     auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
     std::tm tm{};
     localtime_r(&secs, &tm);
-    static const std::string program = programName();
+    static const std::string program = process::processName();
     std::string line = fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} {}[{}] {}\n", tm.tm_year + 1900,
                                    tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, millis, program,
                                    getpid(), message);

@@ -3,14 +3,14 @@
 #include <cerrno>
 #include <unistd.h>
 
+#include "Platform/FileTree.h"
 #include "Platform/Path.h"
 
 namespace platform::process {
 
 std::string processName() {
-    char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n > 0) return path::lastComponent(std::string(buf, size_t(n)));
+    if (auto executable = fs::readSymbolicLink("/proc/self/exe"); executable && !executable->empty())
+        return path::lastComponent(*executable);
     return program_invocation_short_name;
 }
 
