@@ -77,8 +77,13 @@ std::optional<AtomicFile> AtomicFile::create(const std::string& path, Error* err
         if (error) *error = *refusal;
         return std::nullopt;
     }
-    auto directory = File::open(directoryOf(path), {.directory = true}, error);
-    if (!directory) return std::nullopt;
+    Error directoryError;
+    auto directory = File::open(directoryOf(path), {.directory = true}, &directoryError);
+    if (!directory) {
+        // Named after the file asked for: its directory is missing or not one.
+        if (error) *error = posixError(int(directoryError.code), path);
+        return std::nullopt;
+    }
     int fd = openat(directory->descriptor(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
     if (fd >= 0) return AtomicFile(File::adopt(fd, path), std::move(*directory), path, "");
     if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
