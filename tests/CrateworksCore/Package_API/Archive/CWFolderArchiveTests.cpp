@@ -76,6 +76,15 @@ TEST(CWFolderArchive, ExtractCopiesIntoTheDestinationDirectory) {
     EXPECT_EQ("a", readFile(tmp / "other/new/a.txt"));
     EXPECT_FALSE(folder->extractItemAtPath("missing", tmp / "dest", &error));
     EXPECT_EQ(ENOENT, error.code);
+    // A file where the destination directory should be is the failure to create it,
+    // reported against it; the file is left alone.
+    writeFile(tmp / "blocked", "a file");
+    error = {};
+    EXPECT_FALSE(folder->extractItemAtPath("dir", tmp / "blocked", &error));
+    EXPECT_EQ(platform::kPOSIXErrorDomain, error.domain);
+    EXPECT_EQ(EEXIST, error.code);
+    EXPECT_EQ(tmp / "blocked", *error.userInfo.findString(platform::kFilePathErrorKey));
+    EXPECT_EQ("a file", readFile(tmp / "blocked"));
 }
 
 TEST(CWFolderArchive, ContentsOfAnotherFolderAreCopiedButNotOfAXarArchive) {
