@@ -15,7 +15,7 @@ std::shared_ptr<TaskOutputLineEnumerator> TaskOutputLineEnumerator::initWithLaun
     platform::Error error;
     auto task = platform::Process::spawn(launchPath, arguments, &error);
     if (!task) {
-        platform::consoleLogf("Couldn't launch {}", error.description());
+        platform::consoleLog(error.description());
         return nullptr;
     }
     return std::shared_ptr<TaskOutputLineEnumerator>(new TaskOutputLineEnumerator(std::move(task)));
