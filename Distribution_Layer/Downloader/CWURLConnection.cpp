@@ -146,7 +146,6 @@ void CWURLConnectionDelegate::connectionDidReceiveResponse(platform::URLConnecti
     if (CWURLConnection::_logHTTP() && response.isHTTP)
         logHTTP(fmt::format("Received response {} code {}\n{}", response.url.absoluteString(), response.statusCode,
                             describeHeaderFields(response.headerFields)));
-    response_ = response;
     if (response.isHTTP && response.statusCode >= 400) {
         connection.cancel();
         int code = response.statusCode == 403 ? platform::kURLErrorNoPermissionsToReadFile
@@ -157,6 +156,7 @@ void CWURLConnectionDelegate::connectionDidReceiveResponse(platform::URLConnecti
         connectionDidFailWithError(connection, platform::Error{platform::kURLErrorDomain, code, std::move(info)});
         return;
     }
+    response_ = response;
     data_ = platform::Data{};
 }
 

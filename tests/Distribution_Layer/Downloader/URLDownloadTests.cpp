@@ -177,9 +177,11 @@ TEST_F(URLDownloadTests, HTTPSNeedsTheRightAuthority) {
 TEST_F(URLDownloadTests, SynchronousLoadsTurnHTTPErrorsIntoErrors) {
     for (auto [path, status, code] : {std::tuple{"/forbidden", 403, -1102}, {"/missing", 404, -1100},
                                       {"/broken", 500, -1100}}) {
-        std::optional<platform::URLResponse> response;
+        // Set to no response at all, whatever it held before.
+        std::optional<platform::URLResponse> response = platform::URLResponse(*URL::parse(nginx.url("/")));
         platform::Error error;
         EXPECT_FALSE(load(nginx.url(path), &response, &error)) << path;
+        EXPECT_FALSE(response) << path;
         EXPECT_EQ(error.domain, platform::kURLErrorDomain);
         EXPECT_EQ(error.code, code) << path;
         EXPECT_EQ(error.userInfo.find("CWURLErrorStatusCode")->integer(), status);
