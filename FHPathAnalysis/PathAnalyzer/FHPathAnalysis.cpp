@@ -67,8 +67,7 @@ uint64_t FHPathAnalysis::sizeForAbsolutePath(const std::string& p) {
         std::lock_guard lock(_sizeCacheLock);
         if (auto it = _pathToFileSizeCache.find(key); it != _pathToFileSizeCache.end()) return it->second;
     }
-    // An item that cannot be read has no size yet; it may have one on a later call.
-    if (!platform::fs::attributes(key)) return 0;
+    // The sizer always answers, 0 for an item it cannot read, and that answer is kept too.
     uint64_t size = FileSizer::sizeForPath(key);
     std::lock_guard lock(_sizeCacheLock);
     _pathToFileSizeCache[key] = size;

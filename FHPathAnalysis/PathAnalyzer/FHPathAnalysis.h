@@ -38,8 +38,8 @@ public:
     uint64_t usedSize() const;
     uint64_t freeSize() const;
 
-    // The on-disk size of the item at a volume-relative path, cached; 0 (and nothing
-    // cached) when the item cannot be read.
+    // The on-disk size of the item at a volume-relative path as FileSizer gives it, cached
+    // (the 0 it gives for an item it cannot read included).
     uint64_t sizeForAbsolutePath(const std::string& path);
     // The sum of sizeForAbsolutePath over the list, wrapping at 2^64; a path listed
     // twice counts twice.

@@ -2,6 +2,7 @@
 // space against the file system's own figures, bundles, attributes and checksums.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -62,6 +63,7 @@ protected:
         oldConsole_ = platform::setConsoleSink([](std::string_view) {});
     }
     void TearDown() override {
+        unsetenv("FHDebugFileSizer");
         FHPathAnalyzer::clearSizingCache();
         platform::setConsoleSink(oldConsole_);
     }
@@ -155,7 +157,7 @@ TEST_F(PathAnalysisTest, SystemPathsAndForwardedListsComeFromTheAnalyzer) {
               analysis->_extraPrinterPathsForUpgradeFromTamarindOrBetter());
 }
 
-TEST_F(PathAnalysisTest, SizesAgreeWithFindAndStatAndAreCachedOnlyWhenKnown) {
+TEST_F(PathAnalysisTest, SizesAgreeWithFindAndStatAndTheSizersAnswerIsCached) {
     std::string root = makeVolume([](VolumeBuilder& v) {
         v.file("/data/one", 5000, {.fill = true}).file("/data/sub/two", 70000, {.fill = true});
         v.file("/data/sparse", 1 << 20).symlink("/data/link", "one");
@@ -171,13 +173,23 @@ TEST_F(PathAnalysisTest, SizesAgreeWithFindAndStatAndAreCachedOnlyWhenKnown) {
     writeFile(root + "/data/one", std::string(9000, 'x'));
     EXPECT_EQ(5000u, analysis->sizeForAbsolutePath("/data/one"));
     EXPECT_EQ(below, analysis->sizeForAbsolutePath("/data"));
-    // An item that could not be read is asked again.
+    // The sizer's 0 for an item it cannot read is a size like any other: the sizer is
+    // asked (its debug lines show it) once, and the 0 stands after the item appears.
+    setenv("FHDebugFileSizer", "1", 1);
+    std::vector<std::string> sizerLines;
+    platform::setConsoleSink([&](std::string_view line) { sizerLines.emplace_back(line); });
     EXPECT_EQ(0u, analysis->sizeForAbsolutePath("/data/later"));
     writeFile(root + "/data/later", std::string(300, 'y'));
-    EXPECT_EQ(300u, analysis->sizeForAbsolutePath("/data/later"));
+    EXPECT_EQ(0u, analysis->sizeForAbsolutePath("/data/later"));
+    platform::setConsoleSink([](std::string_view) {});
+    unsetenv("FHDebugFileSizer");
+    const std::string later = root + "/data/later";
+    EXPECT_EQ((std::vector<std::string>{"*** FSF Error on " + later + " : " + later + ": No such file or directory",
+                                        "sizeForPath returned 0 for " + later}),
+              sizerLines);
 
     EXPECT_EQ(0u, analysis->sizeForPaths({}));
-    EXPECT_EQ(5000u + 5000u + 300u + 0u, analysis->sizeForPaths({"/data/one", "/data/one", "/data/later", "/none"}));
+    EXPECT_EQ(5000u + 5000u + 0u + 0u, analysis->sizeForPaths({"/data/one", "/data/one", "/data/later", "/none"}));
 }
 
 TEST_F(PathAnalysisTest, SizeOfPathsWrapsAroundAt64Bits) {
