@@ -12,22 +12,33 @@ namespace platform {
 namespace {
 
 struct Layout {
+    const char* folder;        // the folder that gives the layout away; "" for the flat one
     const char* infoPlist;     // relative to the bundle directory
     const char* resourcesDir;  // relative to the bundle directory; "" is the bundle itself
 };
 constexpr std::array<Layout, 3> kLayouts{{
-    {"Contents/Info.plist", "Contents/Resources"},
-    {"Resources/Info.plist", "Resources"},
-    {"Info.plist", ""},
+    {"Contents", "Contents/Info.plist", "Contents/Resources"},
+    {"Resources", "Resources/Info.plist", "Resources"},
+    {"", "Info.plist", ""},
 }};
+constexpr const Layout& kFlatLayout = kLayouts[2];
 
-const Layout* layoutOf(const std::string& path) {
+bool isExistingDirectory(const std::string& path) {
     bool isDirectory = false;
-    if (!fs::exists(path, &isDirectory) || !isDirectory) return nullptr;
-    if (!Bundle::isBundleExtension(path::extension(path))) return nullptr;
+    return fs::exists(path, &isDirectory) && isDirectory;
+}
+
+// The layout whose information dictionary the directory holds, if any.
+const Layout* layoutWithInfo(const std::string& directory) {
     for (const auto& layout : kLayouts)
-        if (fs::exists(path::appendComponent(path, layout.infoPlist))) return &layout;
+        if (fs::exists(path::appendComponent(directory, layout.infoPlist))) return &layout;
     return nullptr;
+}
+
+const Layout& layoutByFolders(const std::string& directory) {
+    for (const auto& layout : kLayouts)
+        if (*layout.folder && isExistingDirectory(path::appendComponent(directory, layout.folder))) return layout;
+    return kFlatLayout;
 }
 
 }  // namespace
@@ -44,14 +55,27 @@ bool Bundle::isBundleExtension(const std::string& extension) {
     return false;
 }
 
-bool Bundle::isBundle(const std::string& path) { return layoutOf(path) != nullptr; }
+bool Bundle::isBundle(const std::string& path) {
+    return isExistingDirectory(path) && isBundleExtension(path::extension(path)) && layoutWithInfo(path);
+}
 
-std::optional<Bundle> Bundle::open(const std::string& path) {
-    const Layout* layout = layoutOf(path);
-    if (!layout) return std::nullopt;
-    auto info = plist::readDictionaryFile(path::appendComponent(path, layout->infoPlist));
-    std::string resources = *layout->resourcesDir ? path::appendComponent(path, layout->resourcesDir) : path;
+Bundle Bundle::read(const std::string& path, const char* infoPlist, const char* resourcesDir) {
+    std::optional<Dictionary> info;
+    if (infoPlist) info = plist::readDictionaryFile(path::appendComponent(path, infoPlist));
+    std::string resources = *resourcesDir ? path::appendComponent(path, resourcesDir) : path;
     return Bundle(path, std::move(resources), info ? std::move(*info) : Dictionary{});
+}
+
+std::optional<Bundle> Bundle::openIfBundle(const std::string& path) {
+    if (!isBundle(path)) return std::nullopt;
+    const Layout* layout = layoutWithInfo(path);
+    return read(path, layout->infoPlist, layout->resourcesDir);
+}
+
+std::optional<Bundle> Bundle::openDirectoryAsBundle(const std::string& path) {
+    if (!isExistingDirectory(path)) return std::nullopt;
+    if (const Layout* layout = layoutWithInfo(path)) return read(path, layout->infoPlist, layout->resourcesDir);
+    return read(path, nullptr, layoutByFolders(path).resourcesDir);
 }
 
 std::vector<std::string> Bundle::bundlePathsBelow(const std::string& directory) {
@@ -77,7 +101,7 @@ std::vector<std::string> Bundle::bundlePathsBelow(const std::string& directory) 
 Dictionary Bundle::bundleInformationAtPath(const std::string& directory) {
     Dictionary information;
     for (const auto& bundlePath : bundlePathsBelow(directory))
-        if (auto bundle = open(bundlePath)) information.set(bundlePath, bundle->infoDictionary());
+        if (auto bundle = openIfBundle(bundlePath)) information.set(bundlePath, bundle->infoDictionary());
     return information;
 }
 

@@ -1,5 +1,10 @@
-// Bundles: directories with a bundle extension that hold an information dictionary
-// at Contents/Info.plist, Resources/Info.plist or Info.plist (looked for in that order).
+// Bundles, and directories read as bundles.
+//
+// A bundle is a directory with a bundle extension that holds an information dictionary
+// at Contents/Info.plist, Resources/Info.plist or Info.plist (looked for in that order);
+// isBundle, openIfBundle and the walks below ask that question. Reading a directory as a
+// bundle (a receipt does) asks less: openDirectoryAsBundle takes any existing directory,
+// with or without a dictionary, whatever its name.
 #pragma once
 
 #include <optional>
@@ -19,7 +24,11 @@ public:
 
     // The bundle at the path; absent when the path is not a bundle. An information
     // dictionary that cannot be read counts as empty.
-    static std::optional<Bundle> open(const std::string& path);
+    static std::optional<Bundle> openIfBundle(const std::string& path);
+    // Any existing directory (symbolic links followed), read as a bundle. Where one of the
+    // information dictionaries is found, as openIfBundle; without one the dictionary is
+    // empty and the layout follows the folders: Contents/, else Resources/, else flat.
+    static std::optional<Bundle> openDirectoryAsBundle(const std::string& path);
     // Whether the path is a directory with a bundle extension holding an information dictionary.
     static bool isBundle(const std::string& path);
     // Whether the extension (without the dot) is one that bundles carry.
@@ -43,6 +52,8 @@ public:
 
 private:
     Bundle(std::string bundlePath, std::string resourcePath, Dictionary info);
+    // `infoPlist` null: no information dictionary to read.
+    static Bundle read(const std::string& path, const char* infoPlist, const char* resourcesDir);
     std::optional<std::string> string(const char* key) const;
 
     std::string bundlePath_;

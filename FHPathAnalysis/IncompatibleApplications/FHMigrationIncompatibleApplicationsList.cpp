@@ -105,7 +105,7 @@ std::optional<bool> FHMigrationIncompatibleApplicationsList::_matchesKnownChecks
 
 bool FHMigrationIncompatibleApplicationsList::_matchesVersionRange(const std::string& path,
                                                                    const platform::Dictionary& entry) const {
-    auto bundle = platform::Bundle::open(platform::path::appendComponent(systemRootPath_, path));
+    auto bundle = platform::Bundle::openIfBundle(platform::path::appendComponent(systemRootPath_, path));
     if (!bundle) return false;
     const std::string* version = versionOfBundle(*bundle);
     const std::string* minimum = entry.findString(kMinimumBundleVersionKey);

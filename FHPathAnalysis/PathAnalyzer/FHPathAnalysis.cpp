@@ -149,7 +149,7 @@ platform::Dictionary FHPathAnalysis::incompatibleAppsInfoForPaths(const PathList
         std::string item = _onVolume(p);
         if (!platform::fs::exists(item)) continue;
         platform::Dictionary record;
-        if (auto bundle = platform::Bundle::open(item))
+        if (auto bundle = platform::Bundle::openIfBundle(item))
             record.set(kInfoKey, _plistSafeDictionaryWithDictionary(bundle->infoDictionary()));
         if (auto crc = checksumText(item)) record.set(kCRCKey, *crc);
         records.set(p, std::move(record));

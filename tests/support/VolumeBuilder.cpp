@@ -141,6 +141,10 @@ PackageBuilder& PackageBuilder::layout(PackageDescription::BundleLayout layout) 
     package_.layout = layout;
     return *this;
 }
+PackageBuilder& PackageBuilder::withoutInfoDictionary() {
+    package_.infoDictionary = false;
+    return *this;
+}
 PackageBuilder& PackageBuilder::missingBOM() {
     package_.missingBOM = true;
     return *this;
@@ -383,7 +387,7 @@ void VolumeBuilder::writeBundleReceipt(const PackageDescription& package, const 
     platform::Dictionary info;
     if (package.bundleIdentifier) info.set(platform::Bundle::kIdentifierKey, *package.bundleIdentifier);
     if (package.version) info.set(platform::Bundle::kShortVersionStringKey, *package.version);
-    if (!platform::plist::writeXMLFile(info, path::appendComponent(infoFolder, "Info.plist")))
+    if (package.infoDictionary && !platform::plist::writeXMLFile(info, path::appendComponent(infoFolder, "Info.plist")))
         fail("cannot write the information dictionary of " + bundle);
     if (package.missingBOM) return;
     std::string bomFile = path::appendComponent(bomFolder, "Archive.bom");

@@ -37,8 +37,8 @@
 // Library/Receipts/boms), plist=xml|binary|missing|damaged, bom=damaged, checksums (record
 // the SHA-1 of every real file), acls (record the ACL of every installed item).
 // Bundle options: identifier=ID (left out of the information dictionary when absent),
-// version=V, layout=contents|resources|flat, bom=missing|damaged. Bundle receipts are
-// written to Library/Receipts.
+// version=V, layout=contents|resources|flat, info=none (the layout's folder without an
+// Info.plist), bom=missing|damaged. Bundle receipts are written to Library/Receipts.
 // Item options: mode=OCTAL, owner=UID, group=GID, size=N, text=CONTENT, fill, acl=TEXT.
 //
 // Paths are volume-relative ("/usr/bin/ls"); parents that were not described are made as
@@ -104,6 +104,7 @@ struct PackageDescription {
     bool bundle = false;
     std::optional<std::string> bundleIdentifier;
     BundleLayout layout = BundleLayout::Contents;
+    bool infoDictionary = true;  // false: the layout's folder is made, no Info.plist in it
     bool missingBOM = false;
 };
 
@@ -125,6 +126,7 @@ public:
     PackageBuilder& acls();
     // Bundle receipts only: where the information dictionary lives, and no Archive.bom at all.
     PackageBuilder& layout(PackageDescription::BundleLayout layout);
+    PackageBuilder& withoutInfoDictionary();
     PackageBuilder& missingBOM();
     PackageBuilder& directory(std::string path, ItemOptions options = {});
     PackageBuilder& file(std::string path, uint64_t size, ItemOptions options = {});

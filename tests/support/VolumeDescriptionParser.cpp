@@ -203,7 +203,7 @@ std::optional<PackageBuilder> addTopLevelLine(VolumeBuilder& volume, const std::
         return package;
     }
     if (keyword == "bundle") {
-        need(words, 2, "bundle NAME.pkg [identifier=ID] [version=V] [layout=contents|resources|flat]");
+        need(words, 2, "bundle NAME.pkg [identifier=ID] [version=V] [layout=contents|resources|flat] [info=none]");
         Options options(words, 2);
         auto package = volume.bundle(words[1], options.text("identifier"));
         if (auto version = options.text("version")) package.version(*version == "none" ? std::nullopt : version);
@@ -213,6 +213,10 @@ std::optional<PackageBuilder> addTopLevelLine(VolumeBuilder& volume, const std::
                                                                          {"flat", D::BundleLayout::Flat}};
             if (!kLayouts.count(*layout)) throw LineError("layout=" + *layout + ": expected contents, resources or flat");
             package.layout(kLayouts.at(*layout));
+        }
+        if (auto info = options.text("info")) {
+            if (*info != "none") throw LineError("info=" + *info + ": expected none");
+            package.withoutInfoDictionary();
         }
         applyBOMOption(package, options, true);
         options.finish();

@@ -191,7 +191,7 @@ std::shared_ptr<CWReceipt> CWReceipt::initWithBundlePkgPath(const std::string& p
     std::optional<std::string> version;
     {
         std::lock_guard lock(bundleLock());
-        auto bundle = platform::Bundle::open(path);
+        auto bundle = platform::Bundle::openDirectoryAsBundle(path);
         if (!bundle) return nullptr;
         identifier = bundle->identifier().value_or(path::deletingExtension(path::lastComponent(path)));
         version = bundle->shortVersionString();

@@ -1,8 +1,9 @@
 // CWReceipt: one installed package on a volume, read from the volume's receipts.
 //
 // A BOM receipt is {identifier}.bom with its property list {identifier}.plist beside it;
-// an old-style bundle receipt is a {name}.pkg bundle whose BOM is Archive.bom in the
-// parent of its resources directory. Receipts live, relative to the volume root, in
+// an old-style bundle receipt is a {name}.pkg directory read as a bundle (an information
+// dictionary is not required) whose BOM is Archive.bom in the parent of its resources
+// directory. Receipts live, relative to the volume root, in
 // "private/var/db/receipts" (the protected directory: its receipts are secure),
 // "Library/Receipts" (BOM and bundle receipts) and "Library/Receipts/boms".
 #pragma once
@@ -80,7 +81,8 @@ public:
     // A BOM receipt; null when no file exists at the path. A missing or unreadable
     // property list gives the minimal dictionary (identifier and date from the BOM file).
     static std::shared_ptr<CWReceipt> initWithBOMPath(const std::string& path);
-    // An old-style bundle receipt; null when the path is not a bundle or has no Archive.bom.
+    // An old-style bundle receipt; null when the path is not a directory or has no Archive.bom.
+    // Without a bundle identifier the identifier is the directory name without extension.
     static std::shared_ptr<CWReceipt> initWithBundlePkgPath(const std::string& path);
 
     // Values of the property list; absent when missing or of another type.

@@ -119,7 +119,7 @@ TEST(ReceiptDirectories, BundleReceiptsInEveryLayout) {
     volume.bundle("Nameless.pkg");
     volume.bundle("NoBOM.pkg", "com.vendor.nobom").missingBOM();
     volume.build();
-    testsupport::writeFile(dir / "Library/Receipts/NotABundle.pkg/readme", "no information dictionary");
+    testsupport::writeFile(dir / "Library/Receipts/NotADirectory.pkg", "a file");
 
     auto receipts = CWReceipt::_findBundleReceiptsFromDirectory(dir / "Library/Receipts");
     std::map<std::string, std::shared_ptr<CWReceipt>> byName;
@@ -148,8 +148,52 @@ TEST(ReceiptDirectories, BundleReceiptsInEveryLayout) {
     EXPECT_FALSE(byName["Nameless.pkg"]->_isSecure());
 
     EXPECT_EQ(nullptr, CWReceipt::initWithBundlePkgPath(dir / "Library/Receipts/NoBOM.pkg"));
-    EXPECT_EQ(nullptr, CWReceipt::initWithBundlePkgPath(dir / "Library/Receipts/NotABundle.pkg"));
+    EXPECT_EQ(nullptr, CWReceipt::initWithBundlePkgPath(dir / "Library/Receipts/NotADirectory.pkg"));
     EXPECT_EQ(nullptr, CWReceipt::initWithBundlePkgPath(dir / "Library/Receipts/Missing.pkg"));
+}
+
+// Any directory opens as a bundle to be read: without an information dictionary the
+// identifier comes from the directory's name and the layout from its folders.
+TEST(ReceiptDirectories, BundleReceiptsWithoutAnInformationDictionary) {
+    using Layout = PackageDescription::BundleLayout;
+    TempDir dir;
+    VolumeBuilder volume(dir.path());
+    volume.bundle("NoInfo.pkg").withoutInfoDictionary().file("/Applications/Old.app/Contents/MacOS/Old", 10);
+    volume.bundle("Plain.pkg").layout(Layout::Resources).withoutInfoDictionary().directory("/opt/plain");
+    volume.build();
+    // A Contents folder without its Archive.bom is no receipt, whatever else lies around.
+    testsupport::writeFile(dir / "Library/Receipts/Hollow.pkg/Contents/readme", "");
+    testsupport::writeFile(dir / "Library/Receipts/Hollow.pkg/Archive.bom", "");
+
+    std::map<std::string, std::shared_ptr<CWReceipt>> byName;
+    for (const auto& receipt : CWReceipt::_findBundleReceiptsFromDirectory(dir / "Library/Receipts"))
+        byName[platform::path::lastComponent(receipt->bundlePath())] = receipt;
+    ASSERT_EQ(2u, byName.size());
+
+    auto noInfo = byName["NoInfo.pkg"];
+    ASSERT_TRUE(noInfo);
+    EXPECT_EQ("NoInfo", noInfo->packageIdentifier());
+    EXPECT_EQ(std::nullopt, noInfo->packageVersion());
+    EXPECT_EQ(dir / "Library/Receipts/NoInfo.pkg/Contents/Archive.bom", noInfo->bomPath());
+    auto attributes = platform::fs::attributes(dir / "Library/Receipts/NoInfo.pkg");
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->find(platform::fs::kFileCreationDate)->date(), noInfo->installDate());
+    EXPECT_TRUE(noInfo->_attributesOfItemAtPath("Applications/Old.app/Contents/MacOS/Old"));
+
+    auto plain = byName["Plain.pkg"];
+    ASSERT_TRUE(plain);
+    EXPECT_EQ("Plain", plain->packageIdentifier());
+    EXPECT_EQ(dir / "Library/Receipts/Plain.pkg/Archive.bom", plain->bomPath());
+    EXPECT_TRUE(plain->_attributesOfItemAtPath("opt/plain"));
+
+    // Flat, the resources are the directory itself, so its BOM is the one beside it.
+    TempDir flat;
+    testsupport::writeFile(flat / "Bare.pkg/readme", "");
+    testsupport::writeFile(flat / "Archive.bom", "");
+    auto bare = CWReceipt::initWithBundlePkgPath(flat / "Bare.pkg");
+    ASSERT_TRUE(bare);
+    EXPECT_EQ("Bare", bare->packageIdentifier());
+    EXPECT_EQ(flat / "Archive.bom", bare->bomPath());
 }
 
 TEST(ReceiptDirectories, ReceiptsAtPathListsBOMReceiptsBeforeBundles) {
