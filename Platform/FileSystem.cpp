@@ -158,6 +158,12 @@ std::optional<uint64_t> fileSize(const std::string& path) {
     return uint64_t(st.st_size);
 }
 
+std::optional<Date> modificationDateFollowingLinks(const std::string& path) {
+    struct stat st {};
+    if (path.empty() || stat(path.c_str(), &st) != 0) return std::nullopt;
+    return Date{double(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9};
+}
+
 bool readInChunks(const std::string& path, size_t chunkSize,
                   const std::function<bool(std::span<const uint8_t> chunk)>& consume, Error* error) {
     auto file = File::open(path, {}, error);

@@ -77,6 +77,9 @@ bool moveItem(const std::string& from, const std::string& to, Error* error = nul
 bool isRegularFile(const std::string& path);
 // The size of the item itself (a final symbolic link not followed); absent when it cannot be read.
 std::optional<uint64_t> fileSize(const std::string& path);
+// The modification date of what the path leads to, symbolic links followed; absent when
+// it cannot be read.
+std::optional<Date> modificationDateFollowingLinks(const std::string& path);
 // Reads a file front to back in pieces of at most `chunkSize` bytes, reusing one buffer,
 // and hands each to `consume`, which answers false to stop early. False (with the error)
 // when the file cannot be opened or read; true at the end or when stopped.

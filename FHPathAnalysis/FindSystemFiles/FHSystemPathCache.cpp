@@ -1,9 +1,8 @@
 #include "FHPathAnalysis/FindSystemFiles/FHSystemPathCache.h"
 
-#include <sys/stat.h>
-
 #include "FHPathAnalysis/ConfMigrator/FHConfMigrator.h"
 #include "FHPathAnalysis/FindSystemFiles/FHFindSystemFiles.h"
+#include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Log.h"
 #include "Platform/Path.h"
@@ -26,12 +25,6 @@ std::optional<Date> modificationDate(const platform::Dictionary& attributes) {
 // A date that cannot be obtained passes.
 bool notLater(const std::optional<Date>& date, const Date& cacheDate) { return !date || *date <= cacheDate; }
 
-std::optional<Date> resolvedModificationDate(const std::string& file) {
-    struct stat st {};
-    if (file.empty() || stat(file.c_str(), &st) != 0) return std::nullopt;
-    return Date{double(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9};
-}
-
 bool ownedByRootWithMode0644(const platform::Dictionary& attributes) {
     auto* type = attributes.findString(fs::kFileType);
     auto* owner = attributes.find(fs::kFileOwnerAccountID);
@@ -50,17 +43,22 @@ bool FHSystemPathCache::datesAllow(const platform::Dictionary& attributes) const
     auto cacheDate = modificationDate(attributes);
     if (!cacheDate) return true;
     auto exclusionList = FHFindSystemFiles::_systemExclusionPlistPath();
-    if (!notLater(resolvedModificationDate(exclusionList.value_or("")), *cacheDate)) return false;
+    if (!notLater(fs::modificationDateFollowingLinks(exclusionList.value_or("")), *cacheDate)) return false;
     Date receiptDate = latestReceiptDate_.value_or(Date{Date::now().secondsSince1970 - kFallbackTrustSeconds});
     if (!notLater(receiptDate, *cacheDate)) return false;
     return notLater(FHConfMigrator::latestCMDataDate(), *cacheDate);
 }
 
 std::optional<std::vector<std::string>> FHSystemPathCache::read() const {
-    // Read the very file whose owner and mode are judged: a link is refused, not followed.
-    platform::Dictionary attributes;
-    auto bytes = fs::readRegularFileNoFollow(path_, &attributes);
-    if (!bytes || !ownedByRootWithMode0644(attributes) || !datesAllow(attributes)) return std::nullopt;
+    // The file judged is the file read (a link is refused, not followed), and nothing of
+    // it is read until every test that needs no content has passed: anyone may plant a
+    // file here, of any size.
+    auto file = fs::File::open(path_, {.followFinalLink = false, .nonBlocking = true});
+    if (!file) return std::nullopt;
+    auto attributes = file->attributes();
+    if (!attributes || !ownedByRootWithMode0644(*attributes) || !datesAllow(*attributes)) return std::nullopt;
+    auto bytes = file->readToEnd();
+    if (!bytes) return std::nullopt;
     auto cache = platform::plist::readBytes(*bytes);
     const platform::Dictionary* dictionary = cache ? cache->dictionary() : nullptr;
     if (!dictionary) return std::nullopt;

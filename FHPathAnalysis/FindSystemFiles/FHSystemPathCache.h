@@ -5,7 +5,8 @@
 // A cache is believed only when it is a regular file (a symbolic link never is) owned
 // by user 0 and group 0 with mode exactly 0644, newer than the exclusion list, the
 // system receipts (or, without a receipt date, than seven days ago) and the rule
-// files, and computed against migration data no older than the current one. Only the
+// files, and computed against migration data no older than the current one; its
+// content is read only after the tests on its attributes and dates have passed. Only the
 // superuser writes it, through a temporary file and a rename, never through a link.
 #pragma once
 

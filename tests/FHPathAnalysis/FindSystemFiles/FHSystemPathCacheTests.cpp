@@ -1,11 +1,14 @@
 #include "FindSystemFilesTestSupport.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "FHPathAnalysis/FindSystemFiles/FHSystemPathCache.h"
+#include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
 
@@ -102,12 +105,9 @@ TEST_F(CacheTest, EachValidityTestFailingOnItsOwn) {
         {"owner", [&] { ASSERT_EQ(0, lchown(cache_.c_str(), 1000, 0)); }},
         {"group", [&] { ASSERT_EQ(0, lchown(cache_.c_str(), 0, 1000)); }},
         {"mode 0600", [&] { ASSERT_EQ(0, chmod(cache_.c_str(), 0600)); }},
-        {"newer exclusion list", [&] { setAge(cache_, 7200); }},
-        {"newer rules",
-         [&] {
-             setAge(bundle.resources("MigrationData/SystemExclusion.plist"), 9000);
-             setAge(cache_, 7200);
-         }},
+        // The cache stays newer than the receipts: each date is the only one to fail.
+        {"newer exclusion list", [&] { setAge(bundle.resources("MigrationData/SystemExclusion.plist"), -3600); }},
+        {"newer rules", [&] { setAge(bundle.resources("MigrationData/ConfMigrator/rules.plist"), -3600); }},
         {"missing key",
          [&] { writeCache(platform::Dictionary{{"systemPaths", testsupport::stringArray({"/usr/bin"})}}); }},
         {"older version",
@@ -123,15 +123,20 @@ TEST_F(CacheTest, EachValidityTestFailingOnItsOwn) {
              stdfs::create_symlink(cache_ + ".real", cache_);
          }},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        bundle.setVersion("MigrationData", "10.7.0");
+    auto ageInputs = [&] {
         setAge(bundle.resources("MigrationData/datv.plist"), 3600);
         setAge(bundle.resources("MigrationData/SystemExclusion.plist"), 3600);
         setAge(bundle.resources("MigrationData/ConfMigrator/rules.plist"), 3600);
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        bundle.setVersion("MigrationData", "10.7.0");
+        ageInputs();
+        ASSERT_TRUE(answeredFromCache());
         c.spoil();
         EXPECT_FALSE(answeredFromCache());
         EXPECT_TRUE(stdfs::is_regular_file(stdfs::symlink_status(cache_)));  // rewritten, a link replaced
+        ageInputs();
         EXPECT_TRUE(answeredFromCache());
     }
     EXPECT_TRUE(logged(kUsing));
@@ -155,8 +160,11 @@ TEST_F(CacheTest, VersionsCompareNumerically) {
 }
 
 TEST_F(CacheTest, ReceiptNewerThanCacheAndTheWeekOfAFallbackCache) {
-    // A receipt installed after the cache was written makes it stale.
+    // A receipt installed after the cache was written makes it stale, all else older.
     ASSERT_FALSE(answeredFromCache());
+    setAge(bundle.resources("MigrationData/SystemExclusion.plist"), 3 * 3600);
+    setAge(bundle.resources("MigrationData/ConfMigrator/rules.plist"), 3 * 3600);
+    setAge(bundle.resources("MigrationData/datv.plist"), 3 * 3600);
     setAge(cache_, 7200);
     crateworks::CWReceipt::_clearCache();
     auto receipts = crateworks::CWReceipt::receiptsOnVolumeAtPath(volume_->root());
@@ -210,4 +218,46 @@ TEST_F(CacheTest, PlantedLinkIsNotWrittenThrough) {
     EXPECT_EQ("precious", testsupport::readFile(victim));
     EXPECT_TRUE(stdfs::is_regular_file(stdfs::symlink_status(cache_)));
     EXPECT_TRUE(answeredFromCache());
+}
+
+// Nothing of the file is read before the tests that need no content have passed: a
+// gigabyte planted at the cache's path costs an open and an fstat, not a read.
+TEST_F(CacheTest, PlantedLargeCacheIsRefusedWithoutBeingRead) {
+    struct Case {
+        const char* name;
+        std::function<void()> spoil;
+    };
+    std::vector<Case> cases{
+        {"another user's", [&] { ASSERT_EQ(0, lchown(cache_.c_str(), 1000, 0)); }},
+        {"older than the rules", [&] { setAge(bundle.resources("MigrationData/ConfMigrator/rules.plist"), -3600); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        setAge(bundle.resources("MigrationData/ConfMigrator/rules.plist"), 3600);
+        stdfs::remove(cache_);
+        testsupport::writeFile(cache_, "");
+        stdfs::resize_file(cache_, uintmax_t(1) << 30);
+        c.spoil();
+
+        int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        ASSERT_GE(watch, 0);
+        auto events = platform::fs::File::adopt(watch, "inotify");
+        ASSERT_GE(inotify_add_watch(watch, cache_.c_str(), IN_ACCESS), 0);
+        EXPECT_FALSE(answeredFromCache());
+        EXPECT_TRUE(logged("Writing system path cache."));
+
+        std::vector<uint8_t> buffer(64 * 1024);
+        platform::Error error;
+        auto got = events.read(buffer, &error);
+        size_t accesses = 0;
+        for (size_t at = 0; got && at + sizeof(inotify_event) <= *got;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
+            if (event->mask & IN_ACCESS) ++accesses;
+            at += sizeof(inotify_event) + event->len;
+        }
+        if (!got) {
+            EXPECT_EQ(EAGAIN, error.code);  // no event at all
+        }
+        EXPECT_EQ(0u, accesses);
+    }
 }
