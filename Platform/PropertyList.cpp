@@ -5,6 +5,7 @@
 #include <plist/plist.h>
 
 #include "Platform/FileSystem.h"
+#include "Platform/PropertyListFailure.h"
 
 namespace platform::plist {
 
@@ -151,11 +152,14 @@ plist_t toNode(const Value& value) {
 
 }  // namespace
 
-std::optional<Value> readBytes(std::span<const uint8_t> bytes) {
-    if (bytes.empty() || bytes.size() > UINT32_MAX) return std::nullopt;
+std::optional<Value> readBytes(std::span<const uint8_t> bytes, Error* error) {
     plist_t node = nullptr;
-    plist_from_memory(reinterpret_cast<const char*>(bytes.data()), uint32_t(bytes.size()), &node);
-    if (!node) return std::nullopt;
+    if (!bytes.empty() && bytes.size() <= UINT32_MAX)
+        plist_from_memory(reinterpret_cast<const char*>(bytes.data()), uint32_t(bytes.size()), &node);
+    if (!node) {
+        if (error) *error = corruptFileError({}, detail::failureReason(bytes));
+        return std::nullopt;
+    }
     Node owner(node);
     return fromNode(node, 0);
 }

@@ -13,7 +13,11 @@
 
 namespace platform::plist {
 
-std::optional<Value> readBytes(std::span<const uint8_t> bytes);
+// When the bytes do not read, `error` gets kFileReadCorruptFileError in the general
+// domain with why as its failure reason: where an XML document stops being well formed
+// (line, column and byte offset), the element no property list holds, or what a binary
+// property list's trailer or offset table gets wrong.
+std::optional<Value> readBytes(std::span<const uint8_t> bytes, Error* error = nullptr);
 std::optional<Value> readFile(const std::string& path);
 std::optional<Dictionary> readDictionaryFile(const std::string& path);
 std::optional<Array> readArrayFile(const std::string& path);

@@ -70,10 +70,13 @@ std::shared_ptr<CWProductInfo> CWNetEnabledProduct::_fetchProductInfo(const plat
     std::optional<platform::URLResponse> response;
     std::optional<platform::Data> body = CWURLConnection::sendSynchronousRequest(request, &response, error);
     if (!body) return nullptr;
-    std::optional<platform::Value> plist =
-        platform::plist::readBytes(*body);
+    platform::Error parseError;
+    std::optional<platform::Value> plist = platform::plist::readBytes(*body, &parseError);
     if (!plist) {
-        if (error) *error = loadError(indexURL, "The index is not a property list.");
+        if (error) {
+            const std::string* reason = parseError.userInfo.findString(platform::kFailureReasonKey);
+            *error = loadError(indexURL, reason ? std::optional<std::string>(*reason) : std::nullopt);
+        }
         return nullptr;
     }
     auto info = CWProductInfo::initWithDictionary(*plist, indexURL);

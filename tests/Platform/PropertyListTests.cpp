@@ -100,6 +100,81 @@ TEST(PropertyList, DamagedOrWrongTypeReadsAsAbsent) {
     EXPECT_TRUE(plist::readArrayFile(dir / "array.plist"));
 }
 
+namespace {
+
+// The failure reason readBytes gives, after checking the error it comes in.
+std::string failureReason(std::string_view bytes) {
+    Error error;
+    auto value = plist::readBytes(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), &error);
+    EXPECT_FALSE(value);
+    EXPECT_EQ(kGeneralErrorDomain, error.domain);
+    EXPECT_EQ(kFileReadCorruptFileError, error.code);
+    const std::string* reason = error.userInfo.findString(kFailureReasonKey);
+    return reason ? *reason : "(none)";
+}
+
+}  // namespace
+
+TEST(PropertyList, AFailedReadSaysWhyAndWhere) {
+    TempDir dir;
+    EXPECT_EQ("The data is empty.", failureReason(""));
+    Error untouched{"untouched", 1, {}};
+    EXPECT_TRUE(plist::readBytes(plist::toBinary(sampleValue()), &untouched));
+    EXPECT_EQ("untouched", untouched.domain);
+
+    // Not well formed: the first error, at the line Python's expat gives too, and the byte
+    // after the end tag that does not match, counted in bytes although "é" takes two.
+    std::string mismatched = "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                             "\t<key>name</key>\n\t<string>\xC3\xA9t\xC3\xA9</str>\n</dict>\n</plist>\n";
+    testsupport::writeFile(dir / "mismatched.plist", mismatched);
+    std::string expatLine = python("import plistlib,xml.parsers.expat\ntry: plistlib.load(open(\"" + dir.path() +
+                                   "/mismatched.plist\", \"rb\"))\nexcept xml.parsers.expat.ExpatError as e: "
+                                   "print(e.lineno)");
+    EXPECT_EQ("5\n", expatLine);
+    size_t stop = mismatched.find("</str>") + 6;
+    EXPECT_EQ("XML error at line 5, column 19 (byte " + std::to_string(stop) +
+                  "): Opening and ending tag mismatch: string line 5 and str",
+              failureReason(mismatched));
+    EXPECT_EQ("XML error at line 1, column 1 (byte 0): Start tag expected, '<' not found",
+              failureReason("not a property list at all"));
+
+    // Well formed, but not what a property list holds.
+    EXPECT_EQ("The XML document's root element is <html>, not <plist>.", failureReason("<html><body/></html>"));
+    EXPECT_EQ("Line 1: <plist> holds no value.", failureReason("<plist>\n</plist>"));
+    EXPECT_EQ("Line 3: <colour> is not a property-list value.",
+              failureReason("<plist>\n<dict><key>a</key>\n<colour/></dict></plist>"));
+    EXPECT_EQ("Line 2: <dict> holds <string> where a <key> belongs.",
+              failureReason("<plist><dict>\n<string>x</string></dict></plist>"));
+
+    // Binary: what the trailer or the offset table gets wrong, checked against plistlib
+    // refusing the same bytes.
+    Data good = plist::toBinary(Value(Dictionary{{"a", "b"}}));
+    std::string binary(good.begin(), good.end());
+    const size_t trailer = binary.size() - 32;
+    const uint8_t offsetSize = uint8_t(binary[trailer + 6]);
+    const size_t offsetTable = size_t(uint8_t(binary[binary.size() - 1]));  // small: its last byte says it
+    ASSERT_EQ(1u, offsetSize);
+    std::string shortened = binary.substr(0, 30);
+    std::string badTop = binary;
+    badTop[trailer + 23] = 9;  // top object 9 of 3
+    std::string badOffset = binary;
+    ASSERT_LT(binary.size(), 0xF0u);
+    badOffset[offsetTable + 1] = char(0xF0);  // object 1 beyond the end
+    for (auto [name, bytes] : {std::pair{"short", shortened}, {"top", badTop}, {"offset", badOffset}}) {
+        testsupport::writeFile(dir / name, bytes);
+        EXPECT_EQ("refused\n", python("import plistlib\ntry: plistlib.load(open(\"" + dir / name +
+                                      "\", \"rb\")); print(\"read\")\nexcept Exception: print(\"refused\")"))
+            << name;
+    }
+    EXPECT_EQ("The binary property list is 30 bytes long, too short for its header and 32-byte trailer.",
+              failureReason(shortened));
+    EXPECT_EQ("The binary property list names object 9 as its top object but holds 3 objects.",
+              failureReason(badTop));
+    EXPECT_EQ("The binary property list places object 1 at byte 240, outside its objects (bytes 8 to " +
+                  std::to_string(offsetTable) + ").",
+              failureReason(badOffset));
+}
+
 TEST(PropertyList, ForeignValuesAreLeftOut) {
     Dictionary d{{"url", Value::url("http://example.invalid/")}, {"keep", Array{Value::url("x"), Value(1)}}};
     Value safe = Value(d).propertyListSafe();

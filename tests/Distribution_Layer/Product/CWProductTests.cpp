@@ -71,6 +71,19 @@ TEST(CWProductTests, MissingOrBrokenIndexFailsWith259) {
     // A local index is named by its path too, under the key every domain uses.
     ASSERT_TRUE(error.userInfo.findString(platform::kFilePathErrorKey));
     EXPECT_EQ(dir / "Broken/index.product", *error.userInfo.findString(platform::kFilePathErrorKey));
+    // Why it does not parse is the property-list reader's own word, with where it stopped.
+    ASSERT_TRUE(error.userInfo.findString(platform::kFailureReasonKey));
+    EXPECT_EQ("XML error at line 1, column 1 (byte 0): Start tag expected, '<' not found",
+              *error.userInfo.findString(platform::kFailureReasonKey));
+    std::string cut = "<plist version=\"1.0\">\n<dict>\n\t<key>ProductIdentifier</key>\n\t<string>x</dict>\n";
+    testsupport::writeFile(dir / "Cut/index.product", cut);
+    error = {};
+    EXPECT_FALSE(CWNetEnabledProduct::initByLoadingProductAtURL(platform::URL::fileURL(dir / "Cut"), &error));
+    EXPECT_EQ(platform::kFileReadCorruptFileError, error.code);
+    ASSERT_TRUE(error.userInfo.findString(platform::kFailureReasonKey));
+    EXPECT_EQ("XML error at line 4, column 18 (byte " + std::to_string(cut.find("</dict>") + 7) +
+                  "): Opening and ending tag mismatch: string line 4 and dict",
+              *error.userInfo.findString(platform::kFailureReasonKey));
     // A distribution that cannot be fetched fails the load.
     platform::Dictionary index = threePackages();
     index.set("DistributionArchive", "Missing.xar");
