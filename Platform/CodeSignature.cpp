@@ -102,6 +102,7 @@ std::optional<SigningInformation> StaticCode::signingInformation(uint32_t flags)
 }
 
 int64_t StaticCode::checkValidity(uint32_t flags) const {
+    failedResource_.reset();
     std::string folder = path::appendComponent(path_, kCodeSignatureDirectory);
     auto resourcesBytes = fs::readFile(path::appendComponent(folder, kResourcesName));
     auto signature = fs::readFile(path::appendComponent(folder, kSignatureName));
@@ -122,15 +123,20 @@ int64_t StaticCode::checkValidity(uint32_t flags) const {
 }
 
 int64_t StaticCode::_checkResources(const Dictionary& files) const {
+    failedResource_.reset();
     for (const auto& [relative, seal] : files) {
         if (!isSafeRelativePath(relative) || !seal.data()) return kStatusCodeSignatureInvalid;
         std::string item = path::appendComponent(path_, relative);
+        failedResource_ = relative;
         if (!fs::existsNoFollow(item)) return kStatusResourceMissing;
         auto actual = sealOf(item);
         if (!actual || *actual != *seal.data()) return kStatusResourceModified;
     }
-    for (const auto& [relative, type] : sealedItems(path_))
+    for (const auto& [relative, type] : sealedItems(path_)) {
+        failedResource_ = relative;
         if (!files.contains(relative)) return kStatusResourceAdded;
+    }
+    failedResource_.reset();
     return 0;
 }
 

@@ -48,11 +48,14 @@ public:
     // CodeResources, every sealed file present with its hash, and no other file or link
     // outside _CodeSignature. With kValidityDoNotValidateResources: the signature alone.
     int64_t checkValidity(uint32_t flags) const;
+    // After a checkValidity that failed on a resource: its path relative to the directory.
+    const std::optional<std::string>& failedResource() const { return failedResource_; }
 
 private:
     explicit StaticCode(std::string path) : path_(std::move(path)) {}
     int64_t _checkResources(const Dictionary& files) const;
     std::string path_;
+    mutable std::optional<std::string> failedResource_;
 };
 
 // Writes `directory`/_CodeSignature (CodeResources, then CodeSignature) sealing every

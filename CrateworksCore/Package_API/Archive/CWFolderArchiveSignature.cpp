@@ -30,7 +30,12 @@ bool CWFolderArchiveSignature::verifyCodeSignatureIncludingSealedResources(bool 
     int64_t status = _staticCode->checkValidity(flags);
     if (status == 0) return true;
     platform::Dictionary info;
-    if (auto message = security::messageForStatus(status)) info.set(platform::kErrorDescriptionKey, *message);
+    if (auto message = security::messageForStatus(status)) {
+        info.set(platform::kErrorDescriptionKey, *message);
+        info.set(platform::kFailureReasonKey, *message);
+    }
+    // Which resource, so that a changed folder names what changed.
+    if (const auto& resource = _staticCode->failedResource()) info.set(platform::kFilePathErrorKey, *resource);
     platform::setError(error, security::kOSStatusErrorDomain, status, std::move(info));
     return false;
 }
