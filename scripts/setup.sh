@@ -13,6 +13,7 @@ packages=(
   libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev python3 clang
   libarchive-tools nginx-light curl
+  libcli11-dev nlohmann-json3-dev scdoc
 )
 missing=()
 for p in "${packages[@]}"; do
