@@ -2,9 +2,8 @@
 //   Plain: path (without "./"), type word, mode in octal, uid, gid, size, checksum and
 //   link target, separated by tabs; the target field is empty when there is none.
 //   --json: one object per line with the keys path, type, mode (octal digits as a
-//   string), uid, gid, size, checksum and target (null when there is none).
-//   Control characters and backslashes in names are escaped ("\t", "\n", "\\", "\xHH")
-//   so that every entry stays on one line.
+//   string), uid, gid, size, checksum and target (null when there is none); a name
+//   that is not UTF-8 also has path_base64 (target_base64) with its exact bytes.
 // crateworks bom make DIR OUT: writes the BOM of the tree under DIR to OUT.
 #include <cstdio>
 #include <string>
@@ -16,8 +15,11 @@
 #include "CrateworksCore/Package_API/BOM/BOMStore.h"
 #include "CrateworksCore/Package_API/BOM/CWBOM.h"
 #include "CrateworksCore/Package_API/BOM/CWMutableBOM.h"
+#include "CommandLine/Json.h"
+#include "CommandLine/StandardOutput.h"
+#include "CommandLine/Streams.h"
+#include "CommandLine/Text.h"
 #include "CrateworksTool/Command.h"
-#include "Platform/Strings.h"
 
 namespace {
 
@@ -33,58 +35,56 @@ const char* typeWord(uint8_t type) {
     }
 }
 
-std::string escapedText(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (unsigned char c : text) {
-        if (c == '\t') out += "\\t";
-        else if (c == '\n') out += "\\n";
-        else if (c == '\\') out += "\\\\";
-        else if (c < 0x20 || c == 0x7f) out += fmt::format("\\x{:02x}", c);
-        else out += char(c);
-    }
-    return out;
-}
-
-// A JSON string; bytes that are not UTF-8 are carried as the code points of their values.
-std::string jsonString(std::string_view text) {
-    bool utf8 = platform::str::isValidUTF8(std::span<const char>(text.data(), text.size()));
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"') out += "\\\"";
-        else if (c == '\\') out += "\\\\";
-        else if (c < 0x20 || c == 0x7f || (!utf8 && c >= 0x80)) out += fmt::format("\\u{:04x}", c);
-        else out += char(c);
-    }
-    return out + "\"";
-}
-
 std::string relativePath(const BOMEntry& entry) {
     return crateworks::CWBOM::_stringByRemovingBomPathPrefix(entry.pathName);
 }
 
 void printPlain(const BOMEntry& e) {
-    fmt::print("{}\t{}\t{:o}\t{}\t{}\t{}\t{}\t{}\n", escapedText(relativePath(e)), typeWord(e.type), e.mode, e.uid,
-               e.gid, e.size, e.checksum, e.linkTarget ? escapedText(*e.linkTarget) : std::string());
+    using commandline::escapedText;
+    commandline::outLine(fmt::format("{}\t{}\t{:o}\t{}\t{}\t{}\t{}\t{}", escapedText(relativePath(e)),
+                                     typeWord(e.type), e.mode, e.uid, e.gid, e.size, e.checksum,
+                                     e.linkTarget ? escapedText(*e.linkTarget) : std::string()));
 }
 
 void printJSON(const BOMEntry& e) {
-    fmt::print("{{\"path\":{},\"type\":\"{}\",\"mode\":\"{:o}\",\"uid\":{},\"gid\":{},\"size\":{},\"checksum\":{},"
-               "\"target\":{}}}\n",
-               jsonString(relativePath(e)), typeWord(e.type), e.mode, e.uid, e.gid, e.size, e.checksum,
-               e.linkTarget ? jsonString(*e.linkTarget) : std::string("null"));
+    commandline::Json line;
+    commandline::setName(line, "path", relativePath(e));
+    line["type"] = typeWord(e.type);
+    line["mode"] = fmt::format("{:o}", e.mode);
+    line["uid"] = e.uid;
+    line["gid"] = e.gid;
+    line["size"] = e.size;
+    line["checksum"] = e.checksum;
+    if (e.linkTarget) commandline::setName(line, "target", *e.linkTarget);
+    else line["target"] = nullptr;
+    commandline::outLine(commandline::jsonLine(line));
 }
 
 int list(const std::string& file, bool json) {
-    auto store = crateworks::bom::BOMStore::openFile(file);
+    std::shared_ptr<crateworks::bom::BOMStore> store;
+    std::optional<commandline::SpooledInput> spool;
+    if (commandline::isStandardStream(file)) {
+        platform::Error error;
+        spool = commandline::SpooledInput::fromStandardInput(&error);
+        if (!spool) {
+            fmt::print(stderr, "crateworks: standard input: {}\n", error.description());
+            return 1;
+        }
+        store = crateworks::bom::BOMStore::openFile(spool->path());
+    } else {
+        store = crateworks::bom::BOMStore::openFile(file);
+    }
     auto root = store ? store->rootEntry() : std::nullopt;
     auto walk = root ? store->newEnumerator(*root) : nullptr;
     if (!walk) {
-        fmt::print(stderr, "crateworks: {}: not a BOM file\n", file);
+        fmt::print(stderr, "crateworks: {}: not a BOM file\n", commandline::escapedText(file));
         return 1;
     }
     walk->next();  // the root is not listed
-    while (const BOMEntry* entry = walk->next()) json ? printJSON(*entry) : printPlain(*entry);
+    while (const BOMEntry* entry = walk->next()) {
+        json ? printJSON(*entry) : printPlain(*entry);
+        if (!commandline::StandardOutput::shared().good()) break;  // nobody is reading the rest
+    }
     return 0;
 }
 
@@ -101,13 +101,25 @@ int make(const std::string& directory, const std::string& out) {
     return 0;
 }
 
-int bomMain(const std::vector<std::string>& args) {
-    if (args.size() == 2 && args[0] == "list") return list(args[1], false);
-    if (args.size() == 3 && args[0] == "list" && args[2] == "--json") return list(args[1], true);
-    if (args.size() == 3 && args[0] == "make") return make(args[1], args[2]);
-    return crateworks::usage();
-}
-
-const crateworks::Registration registration{"bom", "bom list FILE [--json] | bom make DIR OUT", bomMain};
-
 }  // namespace
+
+void crateworks::addBomCommand(CLI::App& app) {
+    CLI::App* bom = commandline::addCommand(app, "bom", "Lists and makes BOM files");
+    bom->require_subcommand(1);
+
+    struct ListOptions {
+        std::string file;
+        bool json = false;
+    };
+    auto listOptions = std::make_shared<ListOptions>();
+    CLI::App* listCommand = commandline::addCommand(*bom, "list", "One line per entry of a BOM file");
+    listCommand->add_option("FILE", listOptions->file, "The BOM file (\"-\": standard input)")->required();
+    listCommand->add_flag("--json", listOptions->json, "One JSON object per entry");
+    commandline::onRun(listCommand, [listOptions] { return list(listOptions->file, listOptions->json); });
+
+    auto makeOptions = std::make_shared<std::pair<std::string, std::string>>();
+    CLI::App* makeCommand = commandline::addCommand(*bom, "make", "The BOM of a directory tree");
+    makeCommand->add_option("DIR", makeOptions->first, "The directory")->required();
+    makeCommand->add_option("OUT", makeOptions->second, "The BOM file to write")->required();
+    commandline::onRun(makeCommand, [makeOptions] { return make(makeOptions->first, makeOptions->second); });
+}

@@ -1,20 +1,18 @@
-// Subcommands of the crateworks inspection tool. Each command file registers itself:
-//   static const crateworks::Registration reg{"bom", "bom list FILE [--json] | bom make DIR OUT", bomMain};
-// The function receives the arguments after the command word and returns the exit status.
+// The subcommands of the crateworks inspection tool. Each command file adds its own
+// words, options and action to the app; main.cpp parses and runs the one chosen.
 #pragma once
 
-#include <string>
-#include <vector>
+#include "CommandLine/Parser.h"
 
 namespace crateworks {
 
-using CommandMain = int (*)(const std::vector<std::string>& args);
-
-struct Registration {
-    Registration(const char* name, const char* usage, CommandMain main);
-};
-
-// Prints the usage of every command on standard error and answers 2.
-int usage();
+void addBomCommand(CLI::App& app);
+void addReceiptsCommand(CLI::App& app);
+void addXarCommand(CLI::App& app);
+void addFolderCommand(CLI::App& app);
+void addTrustCommand(CLI::App& app);
+void addVerifyCommand(CLI::App& app);
+void addDownloadCommand(CLI::App& app);
+void addFetchCommand(CLI::App& app);
 
 }  // namespace crateworks

@@ -4,6 +4,7 @@
 // transfer that stops early (a dropped connection, a short body, SIGINT) keeps
 // DEST.partial and writes resume data to DEST.partialState, from which the next run
 // continues. A DEST.partial without its state file is stale and is written from byte 0.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,11 +12,14 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine/Streams.h"
+#include "CommandLine/Text.h"
 #include "CrateworksTool/Command.h"
 #include "CrateworksTool/ToolSupport.h"
 #include "Distribution_Layer/Downloader/CWDownload.h"
 #include "Distribution_Layer/Downloader/CWSecureURLDownload.h"
 #include "Platform/FileSystem.h"
+#include "Platform/Path.h"
 #include "Platform/RunLoop.h"
 #include "Platform/URLErrors.h"
 
@@ -23,7 +27,6 @@ namespace {
 
 namespace tool = crateworks::tool;
 
-constexpr const char* kUsage = "download URL DEST [--cacert FILE]";
 constexpr double kProgressInterval = 0.25;
 
 // Follows one transfer and draws its progress line.
@@ -68,14 +71,15 @@ public:
             int64_t total = expected + (status == 206 ? startOffset : 0);
             double percent = total > 0 ? 100.0 * double(received) / double(total) : 100.0;
             line = fmt::format("{:5.1f}%  {} of {}", percent, tool::humanBytes(double(received)), tool::humanBytes(double(total)));
-            if (speed > 0) {
+            // An estimate from less than a second of transfer says nothing.
+            if (speed > 0 && elapsed >= 1.0) {
                 line += fmt::format("  {}/s  {} left", tool::humanBytes(speed),
                                     tool::humanDuration(double(total - received) / speed));
             }
         } else {
             line = fmt::format("{}  {}/s", tool::humanBytes(double(received)), tool::humanBytes(speed));
         }
-        fmt::print(stderr, "\r{:<72}", line);
+        fmt::print(stderr, "\r\033[K{}", tool::fitted(line));
         fflush(stderr);
     }
 };
@@ -84,25 +88,6 @@ struct Arguments {
     std::string url, dest;
     std::optional<std::string> caFile;
 };
-
-std::optional<Arguments> parse(const std::vector<std::string>& args) {
-    Arguments parsed;
-    std::vector<std::string> positional;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--cacert") {
-            if (i + 1 >= args.size() || parsed.caFile) return std::nullopt;
-            parsed.caFile = args[++i];
-        } else if (args[i].starts_with("--")) {
-            return std::nullopt;
-        } else {
-            positional.push_back(args[i]);
-        }
-    }
-    if (positional.size() != 2 || positional[0].empty() || positional[1].empty()) return std::nullopt;
-    parsed.url = positional[0];
-    parsed.dest = positional[1];
-    return parsed;
-}
 
 int fail(const std::string& url, const std::string& why) {
     fmt::print(stderr, "crateworks download: \"{}\": {}\n", url, why);
@@ -127,19 +112,38 @@ std::shared_ptr<crateworks::CWDownload> resumed(const platform::URL& url, const 
     return download;
 }
 
-int downloadMain(const std::vector<std::string>& args) {
-    auto parsed = parse(args);
-    if (!parsed) {
-        fmt::print(stderr, "usage: crateworks {}\n", kUsage);
-        return 2;
+// Where the file goes: DEST, or the URL's last path component inside a DEST that is a
+// directory; absent, after a message, when a directory gets no usable name.
+std::optional<std::string> destinationPath(const platform::URL& url, const std::string& dest) {
+    bool isDirectory = false;
+    if (!platform::fs::exists(dest, &isDirectory) || !isDirectory) return dest;
+    std::string name = platform::path::lastComponent(url.path());
+    bool control = std::any_of(name.begin(), name.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7f; });
+    if (name.empty() || name == "." || name == ".." || name == "/" || control) {
+        fail(url.absoluteString(), fmt::format("{} is a directory and the URL names no file to save in it",
+                                               commandline::escapedText(dest)));
+        return std::nullopt;
     }
-    auto url = platform::URL::parse(parsed->url);
+    return platform::path::appendComponent(dest, name);
+}
+
+int download(const Arguments* parsed) {
+    auto url = tool::urlFromArgument(parsed->url);
     if (!url || (url->scheme() != "http" && url->scheme() != "https" && url->scheme() != "file"))
         return fail(parsed->url, "not an http, https or file URL");
     crateworks::CWDownload::addDownloadClass(crateworks::CWSecureURLDownload::downloadClass());
     crateworks::CWSecureURLDownload::setCertificateAuthorityFile(parsed->caFile);
 
-    const std::string partial = parsed->dest + ".partial", state = parsed->dest + ".partialState";
+    // "-": the file is gathered in scratch space and sent on once complete; a stream
+    // cannot be resumed, so nothing is kept after a failure.
+    std::optional<commandline::ScratchOutput> scratch;
+    platform::Error scratchError;
+    if (commandline::isStandardStream(parsed->dest) && !(scratch = commandline::ScratchOutput::create(&scratchError)))
+        return fail(parsed->url, scratchError.description());
+    auto destination = scratch ? std::optional<std::string>(scratch->path()) : destinationPath(*url, parsed->dest);
+    if (!destination) return 1;
+    const std::string& dest = *destination;
+    const std::string partial = dest + ".partial", state = dest + ".partialState";
     Transfer transfer;
     // File copies start over: the copy class appends from the source's first byte on resume.
     std::shared_ptr<crateworks::CWDownload> download;
@@ -158,24 +162,27 @@ int downloadMain(const std::vector<std::string>& args) {
     auto started = platform::RunLoop::Clock::now();
     bool showProgress = tool::stderrIsTerminal();
     if (showProgress) {
+        tool::watchTerminalWidth();
         timer = loop->addTimer(kProgressInterval, true, [&] {
             transfer.drawProgress(std::chrono::duration<double>(platform::RunLoop::Clock::now() - started).count());
         });
     }
     loop->runUntil([&] { return transfer.finished || transfer.failed || tool::interrupted(); });
     if (timer) timer->invalidate();
-    if (showProgress) fmt::print(stderr, "\r{:<72}\r", "");
+    if (showProgress) fmt::print(stderr, "\r\033[K");
 
     if (transfer.finished && !tool::interrupted()) {
-        if (rename(partial.c_str(), parsed->dest.c_str()) != 0)
-            return fail(parsed->url, fmt::format("cannot move into place: {}", strerror(errno)));
+        platform::Error error;
+        if (!platform::fs::moveItem(partial, dest, &error))
+            return fail(parsed->url, "cannot move into place: " + error.description());
         platform::fs::removeItem(state);
+        if (scratch && !scratch->sendToStandardOutput(&error)) return fail(parsed->url, error.description());
         return 0;
     }
     if (tool::interrupted()) download->cancel();
     const platform::Value* httpStatus =
         transfer.error ? transfer.error->userInfo.find(platform::kURLErrorHTTPStatusKey) : nullptr;
-    auto resume = url->isFileURL() || httpStatus ? std::nullopt : download->resumeData();
+    auto resume = url->isFileURL() || httpStatus || scratch ? std::nullopt : download->resumeData();
     if (resume && platform::fs::writeFileAtomically(state, *resume)) {
         // Kept for the next run.
     } else {
@@ -184,12 +191,21 @@ int downloadMain(const std::vector<std::string>& args) {
     }
     if (tool::interrupted()) {
         fmt::print(stderr, "crateworks download: \"{}\": interrupted\n", parsed->url);
-        return 130;
+        return tool::interruptedStatus();
     }
-    if (httpStatus) return fail(parsed->url, fmt::format("HTTP status {}", httpStatus->integer().value_or(0)));
+    if (httpStatus) return fail(parsed->url, tool::httpStatusText(int(httpStatus->integer().value_or(0))));
     return fail(parsed->url, transfer.error ? transfer.error->description() : "failed");
 }
 
-const crateworks::Registration registration{"download", kUsage, downloadMain};
-
 }  // namespace
+
+void crateworks::addDownloadCommand(CLI::App& app) {
+    auto arguments = std::make_shared<Arguments>();
+    CLI::App* command =
+        commandline::addCommand(app, "download", "One http, https or file transfer; resumes after an interruption");
+    command->add_option("URL", arguments->url, "What to download: an http, https or file URL, or a local path")->required()->check(commandline::nonEmpty);
+    command->add_option("DEST", arguments->dest, "The file to write, a directory to write into, or \"-\" for standard output")->required()->check(commandline::nonEmpty);
+    command->add_option("--cacert", arguments->caFile, "Certificate authorities (PEM) to trust instead of the system's")
+        ->type_name("FILE");
+    commandline::onRun(command, [arguments] { return download(arguments.get()); });
+}

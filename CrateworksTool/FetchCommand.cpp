@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine/StandardOutput.h"
 #include "CrateworksTool/Command.h"
 #include "CrateworksTool/ToolSupport.h"
 #include "Distribution_Layer/Downloader/CWDownloader.h"
@@ -32,9 +33,7 @@ using crateworks::CWDownloader;
 using crateworks::CWPackageReference;
 using Reference = std::shared_ptr<CWPackageReference>;
 
-constexpr const char* kUsage = "fetch PRODUCT_URL DEST [--jobs N] [--min-trust LEVEL] [--cacert FILE]";
 constexpr const char* kTrustLevelKey = "CWTrustLevel";
-constexpr int kInterruptedStatus = 130;
 // More concurrent transfers than this would only contend for the same link; a larger
 // --jobs is taken as this many.
 constexpr uint64_t kMaxJobs = 64;
@@ -45,6 +44,7 @@ struct Arguments {
     uint64_t jobs = 1;
     std::optional<int32_t> minimumTrust;
     std::optional<std::string> caFile;
+    bool force = false;
 };
 
 // A whole number of at least 1, however long; absent for anything else.
@@ -54,48 +54,6 @@ std::optional<uint64_t> parseJobs(const std::string& text) {
     if (first == std::string::npos) return std::nullopt;
     if (text.size() - first > 3) return kMaxJobs;
     return std::min(kMaxJobs, uint64_t(std::stoull(text.substr(first))));
-}
-
-std::optional<Arguments> parse(const std::vector<std::string>& args) {
-    Arguments parsed;
-    std::vector<std::string> positional;
-    bool jobsSeen = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        bool hasValue = i + 1 < args.size();
-        if (arg == "--jobs") {
-            auto jobs = hasValue && !jobsSeen ? parseJobs(args[++i]) : std::nullopt;
-            if (!jobs) return std::nullopt;
-            parsed.jobs = *jobs;
-            jobsSeen = true;
-        } else if (arg == "--min-trust") {
-            if (!hasValue || parsed.minimumTrust) return std::nullopt;
-            parsed.minimumTrust = tool::parseTrustLevel(args[++i]);
-            if (!parsed.minimumTrust) return std::nullopt;
-        } else if (arg == "--cacert") {
-            if (!hasValue || parsed.caFile) return std::nullopt;
-            parsed.caFile = args[++i];
-        } else if (arg.starts_with("--")) {
-            return std::nullopt;
-        } else {
-            positional.push_back(arg);
-        }
-    }
-    if (positional.size() != 2 || positional[0].empty() || positional[1].empty()) return std::nullopt;
-    parsed.productURL = positional[0];
-    parsed.dest = positional[1];
-    return parsed;
-}
-
-// A URL as given, or a path on this machine taken as a file URL.
-std::optional<platform::URL> productURL(const std::string& text) {
-    if (auto url = platform::URL::parse(text)) return url;
-    if (text.find("://") != std::string::npos) return std::nullopt;
-    if (text.starts_with("/")) return platform::URL::fileURL(text);
-    std::error_code failed;
-    std::string cwd = std::filesystem::current_path(failed).string();
-    if (failed) return std::nullopt;
-    return platform::URL::fileURL(platform::path::appendComponent(cwd, text));
 }
 
 // A finished line never holds the word "failed", whatever a product calls its packages:
@@ -149,13 +107,21 @@ public:
         std::string state = _path(*reference) + ".partialState";
         // Only a cut-off transfer with its resume data kept is worth keeping.
         if (isHTTPError(error) || !platform::fs::existsNoFollow(state)) _removeSideFiles(*reference);
+        if (isHTTPError(error)) {
+            auto status = error.userInfo.find(platform::kURLErrorHTTPStatusKey)->integer().value_or(0);
+            _fail(*reference, tool::httpStatusText(int(status)) + " from " + reference->URL().absoluteString());
+            return;
+        }
         _fail(*reference, error.description());
     }
 
     void packageDownloaderDidDownloadInvalidDataForPackageReference(CWDownloader&,
                                                                     const Reference& reference) override {
+        // The downloader removes the bytes before saying so: their digest is gone.
+        std::string why = "did not pass its check";
+        if (auto expected = reference->MD5()) why = fmt::format("expected MD5 {}, the file's differs", *expected);
         _removeSideFiles(*reference);
-        _fail(*reference, "did not pass its check");
+        _fail(*reference, why);
     }
 
     void packageDownloaderDidReceiveAuthenticationChallenge(
@@ -163,15 +129,14 @@ public:
         crateworks::CWURLConnection::didReceiveAuthenticationChallenge(challenge);
     }
 
-    void reportFetched(const CWPackageReference& reference) {
-        _printLine(fmt::format("fetched\t{}\t{}", neverFailed(tool::printable(reference.identifier())),
+    void reportFetched(const CWPackageReference& reference, const char* word = "fetched") {
+        _printLine(fmt::format("{}\t{}\t{}", word, neverFailed(tool::printable(reference.identifier())),
                                neverFailed(fileName(reference))));
     }
 
     // Leaves the bar's line for good.
     void finish() {
-        if (terminal_ && barDrawn_) fmt::print("\n");
-        std::fflush(stdout);
+        if (terminal_ && barDrawn_) fmt::print(stderr, "\n");
     }
 
 private:
@@ -193,10 +158,9 @@ private:
     }
 
     void _printLine(const std::string& line) {
-        if (terminal_ && barDrawn_) fmt::print("\r\033[K");
-        fmt::print("{}\n", line);
+        if (terminal_ && barDrawn_) fmt::print(stderr, "\r\033[K");
+        commandline::outLine(line);
         if (terminal_ && barDrawn_) _drawBar();
-        std::fflush(stdout);
     }
 
     void _drawBar() {
@@ -204,12 +168,12 @@ private:
         double percent = std::max(0.0, downloader_->progressValue());
         auto filled = size_t(percent / 100.0 * double(kBarWidth));
         std::string bar = std::string(filled, '#') + std::string(kBarWidth - filled, '-');
-        fmt::print("\r\033[K[{}] {:5.1f}%  {} of {}  {}/s  {} left", bar, percent,
-                   tool::humanBytes(double(downloader_->completedDownloadSize())),
-                   tool::humanBytes(double(downloader_->totalDownloadSize())),
-                   tool::humanBytes(double(downloader_->downloadBytesPerSecond())),
-                   tool::humanDuration(downloader_->estimatedTimeRemaining()));
-        std::fflush(stdout);
+        std::string line = fmt::format("[{}] {:5.1f}%  {} of {}  {}/s  {} left", bar, percent,
+                                       tool::humanBytes(double(downloader_->completedDownloadSize())),
+                                       tool::humanBytes(double(downloader_->totalDownloadSize())),
+                                       tool::humanBytes(double(downloader_->downloadBytesPerSecond())),
+                                       tool::humanDuration(downloader_->estimatedTimeRemaining()));
+        fmt::print(stderr, "\r\033[K{}", tool::fitted(line));
         barDrawn_ = true;
     }
 
@@ -220,6 +184,16 @@ private:
     int failures_ = 0;
     std::set<std::string> retried_;
 };
+
+// A package already in DEST under its name that passes the check a fetched one gets.
+bool alreadyPresent(const CWPackageReference& reference, const std::string& path) {
+    bool isDirectory = true;
+    if (!platform::fs::existsNoFollow(path) || !platform::fs::exists(path, &isDirectory) || isDirectory) return false;
+    if (platform::fs::existsNoFollow(path + ".partial")) return false;  // a transfer to resume
+    auto expected = reference.MD5();
+    return expected ? crateworks::downloader_checks::checksumMatches(path, *expected, [](uint64_t) {})
+                    : crateworks::downloader_checks::nativeCheckPasses(path, path);
+}
 
 int fail(const std::string& what, const std::string& why) {
     fmt::print(stderr, "crateworks fetch: {}: {}\n", what, why);
@@ -264,13 +238,8 @@ std::optional<std::vector<Reference>> packagesToFetch(const crateworks::CWProduc
     return packages;
 }
 
-int fetchMain(const std::vector<std::string>& args) {
-    auto parsed = parse(args);
-    if (!parsed) {
-        fmt::print(stderr, "usage: crateworks {}\n", kUsage);
-        return 2;
-    }
-    auto url = productURL(parsed->productURL);
+int fetchProduct(const Arguments* parsed) {
+    auto url = tool::urlFromArgument(parsed->productURL);
     if (!url) return fail(parsed->productURL, "not a URL");
     crateworks::CWDownload::addDownloadClass(crateworks::CWSecureURLDownload::downloadClass());
     crateworks::CWSecureURLDownload::setCertificateAuthorityFile(parsed->caFile);
@@ -279,7 +248,7 @@ int fetchMain(const std::vector<std::string>& args) {
     tool::catchInterrupt(*loop);
     auto interruptedBeforeStart = [] {
         fmt::print(stderr, "crateworks fetch: interrupted before anything was fetched\n");
-        return kInterruptedStatus;
+        return tool::interruptedStatus();
     };
 
     platform::Error error;
@@ -304,17 +273,29 @@ int fetchMain(const std::vector<std::string>& args) {
         return fail(parsed->dest, "cannot be made: " + error.description());
     }
 
-    Fetch fetch(parsed->dest, tool::stdoutIsTerminal());
+    commandline::StandardOutput::shared().setFlushesEachLine(true);
+    Fetch fetch(parsed->dest, tool::stderrIsTerminal());
+    if (tool::stderrIsTerminal()) tool::watchTerminalWidth();
     auto downloader = CWDownloader::initWithDelegate(&fetch);
     fetch.setDownloader(downloader.get());
     downloader->setMaxConcurrentDownloadCount(parsed->jobs);
+    size_t queued = 0;
     for (const auto& reference : *packages) {
         std::string path = platform::path::appendComponent(parsed->dest, fileName(*reference));
+        if (!parsed->force && alreadyPresent(*reference, path)) {
+            fetch.reportFetched(*reference, "present");
+            continue;
+        }
+        ++queued;
         // A local file is copied again from its start: resume data would only append to it.
         if (reference->URL().isFileURL()) platform::fs::removeItem(path + ".partialState");
         downloader->queuePackageReference(*reference, path);
     }
 
+    if (queued == 0) {
+        fetch.finish();
+        return 0;
+    }
     downloader->startQueue();
     loop->runUntil([&] { return fetch.stopped() || tool::interrupted(); });
     if (tool::interrupted()) {
@@ -324,7 +305,7 @@ int fetchMain(const std::vector<std::string>& args) {
         loop->runUntil([&] { return fetch.stopped(); });
         fetch.finish();
         fmt::print(stderr, "crateworks fetch: interrupted; run it again to resume\n");
-        return kInterruptedStatus;
+        return tool::interruptedStatus();
     }
     fetch.finish();
     if (fetch.failures() > 0)
@@ -332,6 +313,34 @@ int fetchMain(const std::vector<std::string>& args) {
     return 0;
 }
 
-const crateworks::Registration registration{"fetch", kUsage, fetchMain};
-
 }  // namespace
+
+void crateworks::addFetchCommand(CLI::App& app) {
+    struct Options {
+        Arguments arguments;
+        std::string jobs, minimumTrust;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App* command = commandline::addCommand(app, "fetch", "A product's packages, checked, into DEST");
+    command->add_option("PRODUCT_URL", options->arguments.productURL, "The product: its URL or a local path")
+        ->required()
+        ->check(commandline::nonEmpty);
+    command->add_option("DEST", options->arguments.dest, "The directory for the packages (made when missing)")
+        ->required()
+        ->check(commandline::nonEmpty);
+    command->add_option("-j,--jobs", options->jobs, "Packages fetched at once (default 1, at most 64)")
+        ->type_name("N")
+        ->check([](const std::string& text) { return parseJobs(text) ? std::string() : "not a whole number above 0: " + text; });
+    command->add_option("--min-trust", options->minimumTrust, "Refuse a product below this trust level")
+        ->type_name("LEVEL")
+        ->check(tool::checkTrustLevel);
+    command->add_flag("-f,--force", options->arguments.force, "Fetch even the packages already in DEST");
+    command->add_option("--cacert", options->arguments.caFile,
+                        "Certificate authorities (PEM) to trust instead of the system's")
+        ->type_name("FILE");
+    commandline::onRun(command, [options] {
+        if (!options->jobs.empty()) options->arguments.jobs = *parseJobs(options->jobs);
+        if (!options->minimumTrust.empty()) options->arguments.minimumTrust = tool::parseTrustLevel(options->minimumTrust);
+        return fetchProduct(&options->arguments);
+    });
+}

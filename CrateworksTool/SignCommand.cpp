@@ -24,37 +24,21 @@ using xar::XarReader;
 using xar::XarWriter;
 
 struct SigningOptions {
-    std::vector<std::string> positional;
+    std::string input, output;  // xar sign: IN and OUT; folder sign: DIR is the input
     std::optional<std::string> keyPath;
     std::vector<std::string> certificatePaths;
     std::optional<std::string> date;
     std::optional<std::string> identifier;
 };
 
-// Absent on an unknown option or one without its value.
-std::optional<SigningOptions> parseOptions(const std::vector<std::string>& args) {
-    SigningOptions options;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        bool takesValue = arg == "--key" || arg == "--cert" || arg == "--date" || arg == "--identifier";
-        if (!takesValue) {
-            if (arg.rfind("--", 0) == 0) return std::nullopt;
-            options.positional.push_back(arg);
-            continue;
-        }
-        if (i + 1 >= args.size()) return std::nullopt;
-        const std::string& value = args[++i];
-        if (arg == "--key")
-            options.keyPath = value;
-        else if (arg == "--cert")
-            options.certificatePaths.push_back(value);
-        else if (arg == "--date")
-            options.date = value;
-        else
-            options.identifier = value;
-    }
-    if (!options.keyPath || options.certificatePaths.empty()) return std::nullopt;
-    return options;
+// The options every signing command takes.
+void addSigningOptions(CLI::App* command, SigningOptions& options) {
+    command->add_option("-k,--key", options.keyPath, "The RSA private key (PEM)")->type_name("KEY")->required();
+    command->add_option("-c,--cert", options.certificatePaths,
+                        "A certificate (PEM), the signing one first; repeat for the chain")
+        ->type_name("CERT")
+        ->required()
+        ->allow_extra_args(false);
 }
 
 struct Identity {
@@ -140,7 +124,7 @@ int signArchive(const std::string& input, const std::string& output, const Ident
 }
 
 int folderSign(const SigningOptions& options) {
-    const std::string& directory = options.positional[0];
+    const std::string& directory = options.input;
     bool isDirectory = false;
     if (!platform::fs::exists(directory, &isDirectory) || !isDirectory) {
         fmt::print(stderr, "crateworks folder sign: {}: not a directory\n", directory);
@@ -157,31 +141,42 @@ int folderSign(const SigningOptions& options) {
     return 0;
 }
 
-int folderMain(const std::vector<std::string>& args) {
-    if (args.empty() || args[0] != "sign") return usage();
-    auto options = parseOptions({args.begin() + 1, args.end()});
-    if (!options || options->positional.size() != 1 || !options->identifier || options->identifier->empty() ||
-        options->date)
-        return usage();
-    return folderSign(*options);
+int xarSign(const SigningOptions& options) {
+    auto created = creationTime(options.date);
+    if (!created) {
+        fmt::print(stderr, "crateworks xar sign: {}: not an ISO 8601 date\n", *options.date);
+        return 2;
+    }
+    auto identity = loadIdentity(options, "xar sign");
+    if (!identity) return 1;
+    return signArchive(options.input, options.output, *identity, *created);
 }
-
-const Registration registration{
-    "folder", "folder sign DIR --identifier ID --key KEY.pem --cert CERT.pem [--cert MORE.pem ...]", folderMain};
 
 }  // namespace
 
-int xarSignMain(const std::vector<std::string>& args) {
-    auto options = parseOptions(args);
-    if (!options || options->positional.size() != 2 || options->identifier) return usage();
-    auto created = creationTime(options->date);
-    if (!created) {
-        fmt::print(stderr, "crateworks xar sign: {}: not an ISO 8601 date\n", *options->date);
-        return 2;
-    }
-    auto identity = loadIdentity(*options, "xar sign");
-    if (!identity) return 1;
-    return signArchive(options->positional[0], options->positional[1], *identity, *created);
+void addXarSignCommand(CLI::App& xar) {
+    auto options = std::make_shared<SigningOptions>();
+    CLI::App* command = commandline::addCommand(xar, "sign", "A signed copy of an archive");
+    command->add_option("IN", options->input, "The archive to sign")->required();
+    command->add_option("OUT", options->output, "The signed copy to write")->required();
+    addSigningOptions(command, *options);
+    command->add_option("-d,--date", options->date, "The signing time (ISO 8601), now when not given")
+        ->type_name("DATE");
+    commandline::onRun(command, [options] { return xarSign(*options); });
+}
+
+void addFolderCommand(CLI::App& app) {
+    CLI::App* folder = commandline::addCommand(app, "folder", "Signs a folder archive");
+    folder->require_subcommand(1);
+    auto options = std::make_shared<SigningOptions>();
+    CLI::App* command = commandline::addCommand(*folder, "sign", "Writes DIR/_CodeSignature");
+    command->add_option("DIR", options->input, "The folder to sign")->required();
+    command->add_option("-i,--identifier", options->identifier, "The signed identifier")
+        ->type_name("ID")
+        ->required()
+        ->check(commandline::nonEmpty);
+    addSigningOptions(command, *options);
+    commandline::onRun(command, [options] { return folderSign(*options); });
 }
 
 }  // namespace crateworks

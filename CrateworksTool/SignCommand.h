@@ -1,12 +1,11 @@
 // crateworks xar sign: the signing half of the xar command, kept beside folder sign.
 #pragma once
 
-#include <string>
-#include <vector>
+#include "CommandLine/Parser.h"
 
 namespace crateworks {
 
-// `args` are those after "xar sign": IN OUT --key KEY.pem --cert CERT.pem [--cert ...] [--date ISO8601].
-int xarSignMain(const std::vector<std::string>& args);
+// Adds "sign IN OUT --key KEY.pem --cert CERT.pem [--cert ...] [--date ISO8601]" to `xar`.
+void addXarSignCommand(CLI::App& xar);
 
 }  // namespace crateworks

@@ -9,6 +9,10 @@
 #include "CrateworksCore/Package_API/Archive/xar/XarEncoding.h"
 #include "CrateworksCore/Package_API/Archive/xar/XarExtractor.h"
 #include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
+#include "CommandLine/Json.h"
+#include "CommandLine/StandardOutput.h"
+#include "CommandLine/Streams.h"
+#include "CommandLine/Text.h"
 #include "CrateworksTool/Command.h"
 #include "CrateworksTool/SignCommand.h"
 #include "Platform/ExtractionRoot.h"
@@ -21,26 +25,24 @@ using crateworks::CWXARArchive;
 using crateworks::xar::File;
 using crateworks::xar::XarReader;
 
-std::string jsonString(std::string_view text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\t': out += "\\t"; break;
-        case '\r': out += "\\r"; break;
-        default:
-            if (c < 0x20) out += fmt::format("\\u{:04x}", c);
-            else out += char(c);
-        }
-    }
-    return out + "\"";
+// Standard input, spooled for the reader, which seeks; kept while the command runs.
+std::optional<commandline::SpooledInput>& spooledInput() {
+    static std::optional<commandline::SpooledInput> spool;
+    return spool;
 }
 
-// The archive, or null after one line naming the file that is not one.
-std::shared_ptr<CWXARArchive> openArchive(const std::string& path) {
+// The archive ("-": standard input), or null after one line naming the file that is not one.
+std::shared_ptr<CWXARArchive> openArchive(const std::string& argument) {
     platform::Error error;
+    std::string path = argument;
+    if (commandline::isStandardStream(argument)) {
+        if (!spooledInput()) spooledInput() = commandline::SpooledInput::fromStandardInput(&error);
+        if (!spooledInput()) {
+            fmt::print(stderr, "crateworks xar: standard input: {}\n", error.description());
+            return nullptr;
+        }
+        path = spooledInput()->path();
+    }
     auto archive = CWXARArchive::initForReadingFromPath(path, &error);
     if (!archive) {
         const std::string* reason = error.userInfo.findString(platform::kFailureReasonKey);
@@ -59,24 +61,49 @@ uint64_t number(XarReader& xar, File f, const char* name) {
     return crateworks::xar::parseU64(xar.propertyGet(f, name).value_or("0")).value_or(0);
 }
 
+std::string modificationTime(File f) {
+    auto date = crateworks::xar::XarExtractor::modificationDateOf(f);
+    return date ? date->iso8601() : std::string();
+}
+
+std::optional<std::string> linkTarget(File f) {
+    if (f->type != "symlink" && f->type != "hardlink") return std::nullopt;
+    const auto* link = f->find("link");
+    if (!link || !link->value) return std::nullopt;
+    return *link->value;
+}
+
 int list(const std::string& path, bool json) {
     auto archive = openArchive(path);
     if (!archive) return 1;
     XarReader& xar = *archive->_xar();
-    for (File f = xar.first(); f; f = xar.next(f)) {
+    auto& out = commandline::StandardOutput::shared();
+    for (File f = xar.first(); f && out.good(); f = xar.next(f)) {
         std::string mode = fmt::format("{:o}", crateworks::xar::XarExtractor::modeOf(f, 0));
         uint64_t size = f->data ? f->data->size : 0;
+        auto link = linkTarget(f);
         if (!json) {
-            fmt::print("{}\t{}\t{}\t{}\t{}\t{}\n", f->path, f->type, mode, number(xar, f, "uid"), number(xar, f, "gid"),
-                       size);
+            using commandline::escapedText;
+            out.line(fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}", escapedText(f->path), escapedText(f->type), mode,
+                                 number(xar, f, "uid"), number(xar, f, "gid"), size, escapedText(link.value_or("")),
+                                 modificationTime(f)));
             continue;
         }
-        std::string encoding = f->data ? std::string(crateworks::xar::styleForEncoding(f->data->encoding)) : "";
-        fmt::print("{{\"path\":{},\"type\":{},\"mode\":{},\"uid\":{},\"gid\":{},\"size\":{},\"encoding\":{},"
-                   "\"archived_checksum\":{},\"extracted_checksum\":{}}}\n",
-                   jsonString(f->path), jsonString(f->type), jsonString(mode), number(xar, f, "uid"), number(xar, f, "gid"), size, jsonString(encoding),
-                   jsonString(f->data ? f->data->archivedChecksum : ""),
-                   jsonString(f->data ? f->data->extractedChecksum : ""));
+        commandline::Json line;
+        commandline::setName(line, "path", f->path);
+        commandline::setName(line, "type", f->type);
+        line["mode"] = mode;
+        line["uid"] = number(xar, f, "uid");
+        line["gid"] = number(xar, f, "gid");
+        line["size"] = size;
+        line["encoding"] = f->data ? std::string(crateworks::xar::styleForEncoding(f->data->encoding)) : "";
+        commandline::setName(line, "archived_checksum", f->data ? f->data->archivedChecksum : "");
+        commandline::setName(line, "extracted_checksum", f->data ? f->data->extractedChecksum : "");
+        if (link) commandline::setName(line, "link", *link);
+        else line["link"] = nullptr;
+        std::string mtime = modificationTime(f);
+        line["mtime"] = mtime.empty() ? commandline::Json(nullptr) : commandline::Json(mtime);
+        out.line(commandline::jsonLine(line));
     }
     return 0;
 }
@@ -104,11 +131,24 @@ int extract(const std::string& path, const std::string& destination) {
 
 int create(const std::string& output, const std::string& directory, bool store) {
     platform::Error error;
-    auto archive = crateworks::CWMutableXARArchive::initForWritingToPath(output, &error);
+    // "-": written whole to a scratch file first, since the TOC comes before the heap.
+    std::optional<commandline::ScratchOutput> scratch;
+    if (commandline::isStandardStream(output)) {
+        scratch = commandline::ScratchOutput::create(&error);
+        if (!scratch) {
+            fmt::print(stderr, "crateworks xar: {}\n", error.description());
+            return 1;
+        }
+    }
+    auto archive = crateworks::CWMutableXARArchive::initForWritingToPath(scratch ? scratch->path() : output, &error);
     // Nothing is at OUT until the close succeeds: every failure leaves what was there.
     bool ok = archive && archive->setContentsOfDirectory(directory, "", !store, &error) &&
               archive->closeArchiveReturningError(&error);
     if (!ok) {
+        fmt::print(stderr, "crateworks xar: {}\n", error.description());
+        return 1;
+    }
+    if (scratch && !scratch->sendToStandardOutput(&error)) {
         fmt::print(stderr, "crateworks xar: {}\n", error.description());
         return 1;
     }
@@ -127,7 +167,7 @@ int verify(const std::string& path) {
     size_t count = 0;
     XarReader& xar = *archive->_xar();
     for (File f = xar.first(); f; f = xar.next(f)) ++count;
-    fmt::print("verified {} entries\n", count);
+    commandline::outLine(fmt::format("verified {} entries", count));
     return 0;
 }
 
@@ -139,28 +179,47 @@ int digest(const std::string& path) {
         fmt::print(stderr, "crateworks xar: {}: the TOC checksum cannot be read\n", path);
         return 1;
     }
-    fmt::print("{}\n", *digest);
+    commandline::outLine(*digest);
     return 0;
 }
 
-int xarMain(const std::vector<std::string>& args) {
-    if (args.empty()) return crateworks::usage();
-    const std::string& verb = args[0];
-    if (verb == "list" && (args.size() == 2 || (args.size() == 3 && args[2] == "--json")))
-        return list(args[1], args.size() == 3);
-    if (verb == "extract" && args.size() == 3) return extract(args[1], args[2]);
-    if (verb == "create" && (args.size() == 3 || (args.size() == 4 && args[3] == "--store")))
-        return create(args[1], args[2], args.size() == 4);
-    if (verb == "verify" && args.size() == 2) return verify(args[1]);
-    if (verb == "digest" && args.size() == 2) return digest(args[1]);
-    if (verb == "sign") return crateworks::xarSignMain({args.begin() + 1, args.end()});
-    return crateworks::usage();
-}
-
-const crateworks::Registration registration{
-    "xar",
-    "xar list ARCHIVE [--json] | xar extract ARCHIVE DEST | xar create OUT DIR [--store] | xar verify ARCHIVE | "
-    "xar digest ARCHIVE | xar sign IN OUT --key KEY.pem --cert CERT.pem [--cert MORE.pem ...] [--date ISO8601]",
-    xarMain};
-
 }  // namespace
+
+void crateworks::addXarCommand(CLI::App& app) {
+    CLI::App* xar = commandline::addCommand(app, "xar", "Lists, extracts, makes, verifies, digests and signs XAR archives");
+    xar->require_subcommand(1);
+
+    struct Options {
+        std::string archive, destination, directory;
+        bool json = false, store = false;
+    };
+    auto options = std::make_shared<Options>();
+
+    CLI::App* listCommand = commandline::addCommand(*xar, "list", "One line per entry of an archive");
+    listCommand->add_option("ARCHIVE", options->archive, "The archive (\"-\": standard input)")->required();
+    listCommand->add_flag("--json", options->json, "One JSON object per entry");
+    commandline::onRun(listCommand, [options] { return list(options->archive, options->json); });
+
+    CLI::App* extractCommand =
+        commandline::addCommand(*xar, "extract", "Extracts an archive into DEST; nothing is written outside it");
+    extractCommand->add_option("ARCHIVE", options->archive, "The archive (\"-\": standard input)")->required();
+    extractCommand->add_option("DEST", options->destination, "The directory to extract into")->required();
+    commandline::onRun(extractCommand, [options] { return extract(options->archive, options->destination); });
+
+    CLI::App* createCommand = commandline::addCommand(*xar, "create", "A gzip-encoded (or stored) archive of a tree");
+    createCommand->add_option("OUT", options->archive, "The archive to write (\"-\": standard output)")->required();
+    createCommand->add_option("DIR", options->directory, "The directory to archive")->required();
+    createCommand->add_flag("--store", options->store, "Store the files without compressing them");
+    commandline::onRun(createCommand,
+                       [options] { return create(options->archive, options->directory, options->store); });
+
+    CLI::App* verifyCommand = commandline::addCommand(*xar, "verify", "Checks every entry's checksums");
+    verifyCommand->add_option("ARCHIVE", options->archive, "The archive (\"-\": standard input)")->required();
+    commandline::onRun(verifyCommand, [options] { return verify(options->archive); });
+
+    CLI::App* digestCommand = commandline::addCommand(*xar, "digest", "Prints the archive's digest");
+    digestCommand->add_option("ARCHIVE", options->archive, "The archive (\"-\": standard input)")->required();
+    commandline::onRun(digestCommand, [options] { return digest(options->archive); });
+
+    crateworks::addXarSignCommand(*xar);
+}

@@ -1,5 +1,6 @@
 #include "FerryholdTool/Commands.h"
 
+#include <algorithm>
 #include <map>
 
 #include "FHPathAnalysis/ConfMigrator/FHSystem.h"
@@ -7,7 +8,9 @@
 #include "FHPathAnalysis/PathAnalyzer/FHPathAnalysis.h"
 #include "FHPathAnalysis/PathAnalyzer/FHPathAnalyzer.h"
 #include "Platform/FileSystem.h"
+#include "Platform/Framework.h"
 #include "Platform/Path.h"
+#include "Platform/PropertyList.h"
 
 namespace ferryhold {
 
@@ -64,7 +67,26 @@ Outcome childrenCommand(const Invocation& call) {
     return answered(pathArray(*paths));
 }
 
+// The lists of the framework bundle's resources that incompatible can test against:
+// property lists holding an array of incompatible paths.
+Outcome incompatibleListsCommand() {
+    std::string resources = platform::framework::resourcesPath();
+    auto names = platform::fs::contentsOfDirectory(resources);
+    if (!names) return failed(resources + ": the framework's resources cannot be read");
+    std::vector<std::string> lists;
+    for (const auto& name : *names) {
+        if (!name.ends_with(".plist")) continue;
+        auto list = platform::plist::readFile(platform::path::appendComponent(resources, name));
+        const platform::Dictionary* entries = list ? list->dictionary() : nullptr;
+        if (entries && entries->findArray(FHMigrationIncompatibleApplicationsList::kIncompatiblePathsKey))
+            lists.push_back(name.substr(0, name.size() - 6));
+    }
+    std::sort(lists.begin(), lists.end());
+    return answered(pathArray(lists));
+}
+
 Outcome incompatibleCommand(const Invocation& call) {
+    if (call.listLists) return incompatibleListsCommand();
     const std::string& root = call.arguments[0];
     const std::string& list = call.arguments[1];
     if (auto missing = missingFolder(root, std::nullopt)) return failed(*missing);

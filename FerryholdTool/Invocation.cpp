@@ -1,107 +1,86 @@
 #include "FerryholdTool/Invocation.h"
 
-#include <algorithm>
-#include <map>
-
 namespace ferryhold {
 
 namespace {
 
-// What each subcommand takes: its positional arguments (a trailing "..." one may
-// repeat, at least once) and its options.
-struct Grammar {
-    std::vector<std::string> positionals;
-    std::vector<std::string> options;
+using Answer = std::function<int(const Invocation&)>;
+
+// Positionals after ROOT go on into `call.arguments`.
+struct Positionals {
+    std::string root;
+    std::vector<std::string> rest;
 };
 
-const std::map<std::string, Grammar>& grammars() {
-    static const std::map<std::string, Grammar> table{
-        {"user-paths", {{"ROOT"}, {"--parent", "--omit", "--include", "--expand-bundles"}}},
-        {"children", {{"ROOT", "FOLDER"}, {"--omit", "--keep-system", "--expand-bundles"}}},
-        {"incompatible", {{"ROOT", "LIST", "PATH..."}, {}}},
-        {"size", {{"ROOT", "PATH..."}, {}}},
-        {"usage", {{"ROOT"}, {}}},
-    };
-    return table;
+void addRoot(CLI::App* command, Positionals& positionals) {
+    command->add_option("ROOT", positionals.root, "The volume's root directory (an absolute path)")->required();
 }
 
-bool takesValue(const std::string& option) {
-    return option == "--parent" || option == "--omit" || option == "--include";
-}
-
-bool allowed(const Grammar& grammar, const std::string& option) {
-    return option == "--json" ||
-           std::find(grammar.options.begin(), grammar.options.end(), option) != grammar.options.end();
-}
-
-void apply(Invocation& call, const std::string& option, const std::string& value) {
-    if (option == "--parent") call.parent = value;
-    if (option == "--omit") call.omit.push_back(value);
-    if (option == "--include") call.include.push_back(value);
-    if (option == "--expand-bundles") call.expandBundles = true;
-    if (option == "--keep-system") call.keepSystem = true;
-    if (option == "--json") call.json = true;
-}
-
-bool countFits(const Grammar& grammar, size_t count) {
-    const auto& wanted = grammar.positionals;
-    bool repeats = !wanted.empty() && wanted.back().ends_with("...");
-    return repeats ? count >= wanted.size() : count == wanted.size();
+CLI::App* addQuery(CLI::App& app, Invocation& call, const Answer& answer, const std::string& name,
+                   const std::string& description, std::function<void(CLI::App*, Positionals&)> more) {
+    CLI::App* command = commandline::addCommand(app, name, description);
+    auto positionals = std::make_shared<Positionals>();
+    addRoot(command, *positionals);
+    more(command, *positionals);
+    commandline::onRun(command, [command, positionals, &call, answer, name] {
+        call.command = name;
+        if (call.listLists) return answer(call);
+        if (name == "incompatible" && positionals->rest.size() < 2)
+            return commandline::wrongCall(command, "ROOT, LIST and at least one PATH are required");
+        if (!positionals->root.starts_with("/"))
+            return commandline::wrongCall(command, "ROOT must be an absolute path");
+        call.arguments = {positionals->root};
+        call.arguments.insert(call.arguments.end(), positionals->rest.begin(), positionals->rest.end());
+        return answer(call);
+    });
+    return command;
 }
 
 }  // namespace
 
-std::optional<Invocation> Invocation::parse(const std::vector<std::string>& argv, std::string* problem) {
-    Invocation call;
-    if (argv.size() == 1 && (argv[0] == "--help" || argv[0] == "-h")) {
-        call.help = true;
-        return call;
-    }
-    if (argv.empty()) {
-        *problem = "no command given";
-        return std::nullopt;
-    }
-    call.command = argv[0];
-    auto grammar = grammars().find(call.command);
-    if (grammar == grammars().end()) {
-        *problem = "unknown command '" + call.command + "'";
-        return std::nullopt;
-    }
-    bool optionsEnded = false;
-    for (size_t i = 1; i < argv.size(); ++i) {
-        const std::string& word = argv[i];
-        if (optionsEnded || !word.starts_with("--")) {
-            call.arguments.push_back(word);
-        } else if (word == "--") {
-            optionsEnded = true;
-        } else if (!allowed(grammar->second, word)) {
-            *problem = "unknown option '" + word + "' for " + call.command;
-            return std::nullopt;
-        } else if (takesValue(word) && i + 1 == argv.size()) {
-            *problem = "option '" + word + "' needs a value";
-            return std::nullopt;
-        } else {
-            apply(call, word, takesValue(word) ? argv[++i] : std::string());
-        }
-    }
-    if (!countFits(grammar->second, call.arguments.size())) {
-        *problem = "wrong number of arguments for " + call.command;
-        return std::nullopt;
-    }
-    if (!call.include.empty() && call.expandBundles) {
-        *problem = "--include cannot be combined with --expand-bundles";
-        return std::nullopt;
-    }
-    return call;
-}
+std::unique_ptr<CLI::App> makeApp(Invocation& call, std::function<int(const Invocation&)> answer) {
+    auto app = commandline::makeApp(
+        "ferryhold", "Answers what an installer asks about a volume, as one XML property list (or JSON).");
+    app->add_flag("--json", call.json, "Print JSON instead of an XML property list");
 
-const char* usage() {
-    return "usage: ferryhold user-paths ROOT [--parent DIR] [--omit PATH]... [--include PATH]... [--expand-bundles]\n"
-           "       ferryhold children ROOT FOLDER [--omit PATH]... [--keep-system] [--expand-bundles]\n"
-           "       ferryhold incompatible ROOT LIST PATH...\n"
-           "       ferryhold size ROOT PATH...\n"
-           "       ferryhold usage ROOT\n"
-           "Every command takes --json to print JSON instead of an XML property list.\n";
+    addQuery(*app, call, answer, "user-paths", "The topmost paths that belong to the users",
+             [&call](CLI::App* command, Positionals&) {
+                 command->add_option("--parent", call.parent, "Only paths below this folder")->type_name("DIR");
+                 command->add_option("--omit", call.omit, "Leave this path out (repeatable)")
+                     ->type_name("PATH")
+                     ->allow_extra_args(false);
+                 auto* include = command->add_option("--include", call.include, "Keep this path whole (repeatable)")
+                                     ->type_name("PATH")
+                                     ->allow_extra_args(false);
+                 command->add_flag("--expand-bundles", call.expandBundles, "Look inside kept bundles")
+                     ->excludes(include);
+             });
+    addQuery(*app, call, answer, "children", "A folder's user paths",
+             [&call](CLI::App* command, Positionals& positionals) {
+                 command->add_option("FOLDER", positionals.rest, "The folder, relative to ROOT")
+                     ->required()
+                     ->expected(1);
+                 command->add_option("--omit", call.omit, "Leave this path out (repeatable)")
+                     ->type_name("PATH")
+                     ->allow_extra_args(false);
+                 command->add_flag("--keep-system", call.keepSystem, "A plain listing: system paths too");
+                 command->add_flag("--expand-bundles", call.expandBundles, "Look inside bundles");
+             });
+    CLI::App* incompatible = addQuery(
+        *app, call, answer, "incompatible", "Tests paths against a list of the framework bundle",
+        [&call](CLI::App* command, Positionals& positionals) {
+            command->add_option("LIST", positionals.rest, "The list's name, then the paths to test")
+                ->expected(0, CLI::detail::expected_max_vector_size);
+            command->add_flag("--lists", call.listLists, "Name the lists the framework bundle holds");
+        });
+    // --lists needs no volume; LIST and PATH are needed without it.
+    incompatible->get_option("ROOT")->required(false);
+    addQuery(*app, call, answer, "size", "Each path's size on disk and their total",
+             [](CLI::App* command, Positionals& positionals) {
+                 command->add_option("PATH", positionals.rest, "Volume paths")->required();
+             });
+    addQuery(*app, call, answer, "usage", "The used and free bytes of the volume", [](CLI::App*, Positionals&) {});
+    return app;
 }
 
 }  // namespace ferryhold

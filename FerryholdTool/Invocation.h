@@ -1,29 +1,30 @@
 // One call of the ferryhold command: the subcommand, its positional arguments and its
-// options, checked against what that subcommand accepts.
+// options, as the command line gives them.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "CommandLine/Parser.h"
+
 namespace ferryhold {
 
 struct Invocation {
     std::string command;
-    std::vector<std::string> arguments;  // positional, in order
+    std::vector<std::string> arguments;  // positional, in order (ROOT first)
     std::optional<std::string> parent;   // --parent
     std::vector<std::string> omit;       // --omit, in order
     std::vector<std::string> include;    // --include, in order
     bool expandBundles = false;          // --expand-bundles
     bool keepSystem = false;             // --keep-system
     bool json = false;                   // --json
-    bool help = false;                   // --help, alone
-
-    // Parses argv[1...]; absent for a wrong call, with the reason in `problem`.
-    static std::optional<Invocation> parse(const std::vector<std::string>& argv, std::string* problem);
+    bool listLists = false;              // incompatible --lists
 };
 
-// The usage text, ending in a newline.
-const char* usage();
+// The ferryhold command line. Parsing it fills `call`; the action of the chosen
+// subcommand runs `answer` with it (after checking what CLI11 cannot, such as an
+// absolute ROOT).
+std::unique_ptr<CLI::App> makeApp(Invocation& call, std::function<int(const Invocation&)> answer);
 
 }  // namespace ferryhold

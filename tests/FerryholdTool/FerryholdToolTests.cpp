@@ -176,6 +176,11 @@ TEST_F(FerryholdTest, IncompatibleUsesTheRunningFrameworksList) {
     EXPECT_EQ(1, missing.status);
     EXPECT_EQ("", missing.out);
     EXPECT_EQ("ferryhold: NoSuchList.plist: the list cannot be read from the framework's resources\n", missing.err);
+
+    // --lists names the lists there are to test against, and nothing else of the bundle.
+    bundle.writePlist("Other.plist", Value(Dictionary{{"IncompatiblePaths", Array{}}}));
+    bundle.writePlist("NotAList.plist", Value(Dictionary{{"Something", "else"}}));
+    EXPECT_EQ((Lines{"'Blocked'", "'Other'"}), items({"incompatible", "--lists"}));
 }
 
 TEST_F(FerryholdTest, SizesAndTheirTotal) {
@@ -198,15 +203,68 @@ TEST_F(FerryholdTest, SizesAndTheirTotal) {
     EXPECT_NE(std::string::npos, run.out.find("<key>/line&#13;break</key>"));
 }
 
-TEST_F(FerryholdTest, JSONEscapesWhatItMustAndReplacesWhatIsNotUTF8) {
+TEST_F(FerryholdTest, DocumentsStayReadableWhatEverThePathsHold) {
     TempDir volume;
     writeFile(volume / "tab\tquote\"back\\slash", "1");
     writeFile(volume / "caf\xc3\xa9", "22");
     writeFile(volume / "raw\xff", "333");
-    Lines got = items({"size", volume.path(), "/tab\tquote\"back\\slash", "/caf\xc3\xa9", "/raw\xff"}, true);
-    EXPECT_EQ((Lines{"'Sizes'/'/tab\\tquote\"back\\\\slash'=1", "'Sizes'/'/caf\xc3\xa9'=2",
-                     "'Sizes'/'/raw\xef\xbf\xbd'=3", "'TotalSize'=6"}),
-              got);
+    Lines args{"size", volume.path(), "/tab\tquote\"back\\slash", "/caf\xc3\xa9", "/raw\xff"};
+    Lines expected{"'Sizes'/'/tab\\tquote\"back\\\\slash'=1", "'Sizes'/'/caf\xc3\xa9'=2",
+                   "'Sizes'/'/raw\xef\xbf\xbd'=3", "'TotalSize'=6"};
+    // JSON read by Python's json, XML by plistlib: U+FFFD stands for the byte in both.
+    EXPECT_EQ(expected, items(args, true));
+    EXPECT_EQ(expected, items(args));
+    // ... and one warning names the path, escaped as the listings escape it.
+    for (bool json : {false, true}) {
+        Lines all = args;
+        if (json) all.push_back("--json");
+        Outcome run = ferryhold(all);
+        EXPECT_EQ(0, run.status);
+        EXPECT_EQ("ferryhold: warning: /raw\\xff: not valid UTF-8, written with U+FFFD\n", run.err);
+    }
+}
+
+TEST_F(FerryholdTest, QuietAndVerboseGovernTheLibrariesConsoleLines) {
+    TempDir volume;
+    writeFile(volume / "file", "1");
+    Outcome verbose = ferryhold({"-v", "size", volume.path(), "/file"});
+    EXPECT_EQ(0, verbose.status);
+    EXPECT_NE(std::string::npos, verbose.err.find("sizeForPath returned 1 for")) << verbose.err;
+    Outcome plain = ferryhold({"size", volume.path(), "/file"});
+    EXPECT_EQ("", plain.err);
+    EXPECT_EQ(verbose.out, plain.out);
+    // -q silences the console even when a debug switch asks for lines; the tool's own
+    // error line stays.
+    std::string command = "env FHDebugFileSizer=1 FERRYHOLD_FRAMEWORK_PATH=" + shellQuote(bundle.path()) + " " +
+                          shellQuote(std::string(FERRYHOLD_BINARY_DIR) + "/ferryhold");
+    int status = -1;
+    runCommand(command + " size " + shellQuote(volume.path()) + " /file -q 2>" + shellQuote(dir / "stderr"), &status);
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("", readFile(dir / "stderr"));
+    runCommand(command + " --quiet usage " + shellQuote(dir / "missing") + " 2>" + shellQuote(dir / "stderr"), &status);
+    EXPECT_EQ(1, status);
+    EXPECT_EQ("ferryhold: " + dir / "missing" + ": no such directory\n", readFile(dir / "stderr"));
+}
+
+TEST_F(FerryholdTest, AnAnswerThatCannotBeWrittenIsAFailure) {
+    TempDir volume;
+    writeFile(volume / "file", "1");
+    for (const Lines& args : {Lines{"size", volume.path(), "/file"}, Lines{"usage", volume.path(), "--json"},
+                              Lines{"--help"}, Lines{"--version"}}) {
+        std::string command = "env FERRYHOLD_FRAMEWORK_PATH=" + shellQuote(bundle.path()) + " " +
+                              shellQuote(std::string(FERRYHOLD_BINARY_DIR) + "/ferryhold");
+        for (const auto& a : args) command += " " + shellQuote(a);
+        int status = -1;
+        runCommand(command + " >/dev/full 2>" + shellQuote(dir / "stderr"), &status);
+        EXPECT_EQ(1, status) << args[0];
+        EXPECT_EQ("ferryhold: write error: No space left on device\n", readFile(dir / "stderr"));
+        // A reader that goes away ends the command quietly, never with 0.
+        std::string script = "trap '' PIPE; " + command + " 2>" + shellQuote(dir / "stderr") +
+                             " | true; echo ${PIPESTATUS[0]}";
+        std::string piped = runCommand("bash -c " + shellQuote(script));
+        EXPECT_TRUE(piped == "141\n" || piped == "0\n") << piped;
+        EXPECT_EQ("", readFile(dir / "stderr"));
+    }
 }
 
 TEST_F(FerryholdTest, UsageOfTheFileSystem) {
@@ -245,21 +303,48 @@ TEST_F(FerryholdTest, NothingToSayExitsOne) {
     }
 }
 
-TEST_F(FerryholdTest, WrongCallsExitTwoWithTheUsage) {
+TEST_F(FerryholdTest, WrongCallsNameTheProblemAndShowThatCommandsUsage) {
     std::string root = dir.path();
-    for (const Lines& args : {Lines{}, Lines{"reap", root}, Lines{"user-paths"}, Lines{"user-paths", root, "extra"},
-                              Lines{"user-paths", root, "--include", "/a", "--expand-bundles"},
-                              Lines{"user-paths", root, "--keep-system"}, Lines{"user-paths", root, "--parent"},
-                              Lines{"children", root}, Lines{"incompatible", root, "List"}, Lines{"size", root},
-                              Lines{"usage", root, "--omit", "/a"}}) {
-        Outcome run = ferryhold(args);
-        EXPECT_EQ(2, run.status) << (args.empty() ? "" : args[0]) << " " << args.size();
-        EXPECT_EQ("", run.out);
-        EXPECT_NE(std::string::npos, run.err.find("usage: ferryhold user-paths ROOT")) << run.err;
+    struct Case {
+        Lines args;
+        std::string command, named;
+    };
+    for (const Case& c : std::vector<Case>{
+             {{}, "ferryhold", "subcommand is required"},
+             {{"reap", root}, "ferryhold", "reap"},
+             {{"user-paths"}, "ferryhold user-paths", "ROOT is required"},
+             {{"user-paths", root, "extra"}, "ferryhold user-paths", "extra"},
+             {{"user-paths", root, "--include", "/a", "--expand-bundles"}, "ferryhold user-paths", "excludes"},
+             {{"user-paths", root, "--keep-system"}, "ferryhold user-paths", "--keep-system"},
+             {{"user-paths", root, "--parent"}, "ferryhold user-paths", "--parent"},
+             {{"user-paths", "relative/root"}, "ferryhold user-paths", "ROOT must be an absolute path"},
+             {{"size", "v", "/a"}, "ferryhold size", "ROOT must be an absolute path"},
+             {{"children", root}, "ferryhold children", "FOLDER"},
+             {{"incompatible", root, "List"}, "ferryhold incompatible", "ROOT, LIST and at least one PATH"},
+             {{"size", root}, "ferryhold size", "PATH is required"},
+             {{"usage", root, "--omit", "/a"}, "ferryhold usage", "--omit"},
+             {{"usage", root, "-q", "-v"}, "ferryhold usage", "excludes"},
+         }) {
+        Outcome run = ferryhold(c.args);
+        std::string call = c.args.empty() ? "(none)" : c.args[0] + " " + std::to_string(c.args.size());
+        EXPECT_EQ(2, run.status) << call;
+        EXPECT_EQ("", run.out) << call;
+        std::string first = run.err.substr(0, run.err.find('\n'));
+        EXPECT_EQ(0u, first.rfind(c.command + ": ", 0)) << first;
+        EXPECT_NE(std::string::npos, first.find(c.named)) << first;
+        EXPECT_NE(std::string::npos, run.err.find("Usage: " + c.command + " [OPTIONS]")) << run.err;
     }
-    Outcome help = ferryhold({"--help"});
-    EXPECT_EQ(0, help.status);
-    EXPECT_EQ(0u, help.out.rfind("usage: ferryhold", 0));
+    for (const Lines& args : {Lines{"--help"}, Lines{"-h"}, Lines{"user-paths", "--help"}, Lines{"children", "-h"},
+                              Lines{"incompatible", "--help"}, Lines{"size", "--help"}, Lines{"usage", "-h"}}) {
+        Outcome help = ferryhold(args);
+        EXPECT_EQ(0, help.status) << args[0];
+        EXPECT_EQ("", help.err);
+        std::string command = args.size() == 1 ? "ferryhold" : "ferryhold " + args[0];
+        EXPECT_NE(std::string::npos, help.out.find("Usage: " + command + " [OPTIONS]")) << help.out;
+    }
+    Outcome version = ferryhold({"--version"});
+    EXPECT_EQ(0, version.status);
+    EXPECT_EQ("ferryhold " FERRYHOLD_VERSION "\n", version.out);
     // "--" ends the options, so a path may look like one.
     writeFile(dir / "--json", "12");
     EXPECT_EQ((Lines{"'Sizes'/'--json'=2", "'TotalSize'=2"}), items({"size", root, "--", "--json"}));

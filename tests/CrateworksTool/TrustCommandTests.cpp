@@ -1,6 +1,8 @@
 // crateworks trust, xar sign and folder sign from the command line.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
 #include "CrateworksCore/Package_API/Archive/xar/XarReader.h"
 #include "Platform/FileSystem.h"
@@ -69,10 +71,17 @@ TEST_F(TrustCommand, WrongCallsAndMissingPaths) {
     std::string out = runToolWithErrors("trust " + shellQuote(missing), &status);
     EXPECT_EQ(1, status);
     EXPECT_NE(std::string::npos, out.find(missing)) << out;
-    // A file that is no archive is not signed.
+    // A file that is no archive has no level to give: it is named, with nothing printed.
     testsupport::writeFile(tmp / "text.txt", "not an archive");
-    EXPECT_EQ("CWTrustLevelNotSigned\t100\n", runTool("trust " + shellQuote(tmp / "text.txt"), &status));
-    EXPECT_EQ(0, status);
+    int verifyStatus = -1;
+    for (const std::string command : {"trust ", "verify "}) {
+        int* st = command == "trust " ? &status : &verifyStatus;
+        EXPECT_EQ("", runTool(command + shellQuote(tmp / "text.txt"), st));
+        std::string said = runTool(command + shellQuote(tmp / "text.txt") + " 2>&1 >/dev/null", st);
+        EXPECT_NE(std::string::npos, said.find(tmp / "text.txt" + ": not an archive")) << said;
+    }
+    EXPECT_EQ(1, status);
+    EXPECT_EQ(1, verifyStatus);
 }
 
 TEST_F(TrustCommand, SignedFoldersAreJudgedByTheirCodeSignature) {
@@ -92,10 +101,30 @@ TEST_F(TrustCommand, SignedFoldersAreJudgedByTheirCodeSignature) {
     ASSERT_EQ(0, status) << out;
     out = runTool("trust " + shellQuote(tmp / "folder"), &status);
     EXPECT_EQ(0u, out.find("CWTrustLevelQuarnDistributedProduction\t401\n")) << out;
-    // Only the signature counts for the level; a changed resource is the full check's business.
+    std::string said = runTool("trust " + shellQuote(tmp / "folder") + " 2>&1 >/dev/null", &status);
+    EXPECT_EQ("crateworks trust: " + tmp / "folder" + ": contents verified\n", said);
+    EXPECT_EQ("verified\n", runTool("verify " + shellQuote(tmp / "folder"), &status));
+    EXPECT_EQ(0, status);
+    // Only the signature counts for the level, but a changed resource is never passed
+    // over in silence: trust says so on standard error, and verify fails naming it.
     testsupport::writeFile(tmp / "folder/Contents/file.txt", "changed\n");
     out = runTool("trust " + shellQuote(tmp / "folder"), &status);
     EXPECT_EQ(0u, out.find("CWTrustLevelQuarnDistributedProduction\t401\n")) << out;
+    EXPECT_EQ(0, status);
+    said = runTool("trust " + shellQuote(tmp / "folder") + " 2>&1 >/dev/null", &status);
+    EXPECT_EQ(0u, said.find("crateworks trust: " + tmp / "folder" + ": contents do not verify: ")) << said;
+    EXPECT_NE(std::string::npos, said.find("file.txt")) << said;
+    EXPECT_EQ("", runTool("verify " + shellQuote(tmp / "folder"), &status));
+    EXPECT_EQ(1, status);
+    said = runTool("verify " + shellQuote(tmp / "folder") + " 2>&1 >/dev/null", &status);
+    EXPECT_NE(std::string::npos, said.find("file.txt")) << said;
+    // A file added after signing is not sealed either.
+    testsupport::writeFile(tmp / "folder/Contents/file.txt", "contents\n");
+    EXPECT_EQ("verified\n", runTool("verify " + shellQuote(tmp / "folder"), &status));
+    testsupport::writeFile(tmp / "folder/Contents/extra", "");
+    runTool("verify " + shellQuote(tmp / "folder"), &status);
+    EXPECT_EQ(1, status);
+    std::filesystem::remove(tmp / "folder/Contents/extra");
     testsupport::writeFile(tmp / "folder/_CodeSignature/CodeResources", "<plist><dict/></plist>");
     out = runTool("trust " + shellQuote(tmp / "folder"), &status);
     EXPECT_EQ("CWTrustLevelNotSigned\t100\n", out);  // no identifier: not a signed folder

@@ -61,7 +61,7 @@ TEST(ReceiptsCommand, WrongCallsAndRootsThatAreNotDirectories) {
     std::string errors = dir / "errors";
     EXPECT_EQ("", receiptsOf("", &status, errors));
     EXPECT_EQ(2, status);
-    EXPECT_NE(std::string::npos, testsupport::readFile(errors).find("crateworks receipts ROOT"));
+    EXPECT_NE(std::string::npos, testsupport::readFile(errors).find("Usage: crateworks receipts [OPTIONS] ROOT"));
     receiptsOf("a b", &status, errors);
     EXPECT_EQ(2, status);
 

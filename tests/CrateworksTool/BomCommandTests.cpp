@@ -97,7 +97,7 @@ TEST(BomCommand, WrongCallsPrintTheUsageAndNonBOMsAreNamed) {
         int status = -1;
         std::string out = run(call, &status, true);
         EXPECT_EQ(2, status) << call;
-        EXPECT_NE(std::string::npos, out.find("crateworks bom list FILE [--json] | bom make DIR OUT")) << call;
+        EXPECT_NE(std::string::npos, out.find("Usage: crateworks bom")) << call;
     }
     testsupport::writeFile(dir / "plain.txt", "not a bill of materials");
     for (const std::string& file : {dir / "plain.txt", dir / "missing.bom"}) {

@@ -1,7 +1,8 @@
-// crateworks download: side files, resume, HTTP errors, SIGINT, https and usage.
+// crateworks download: side files, resume, HTTP errors, signals, DEST kinds, https and usage.
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 #include <cstdlib>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -72,6 +73,9 @@ TEST_F(DownloadCommandTests, HTTPErrorsFailWithOneLineAndNoFiles) {
         EXPECT_NE(err.find("\"" + nginx.url(path) + "\""), std::string::npos) << err;
         EXPECT_NE(err.find(status), std::string::npos) << err;
         EXPECT_FALSE(exists(dir / "out"));
+        if (std::string(status) == "404") {
+            EXPECT_NE(err.find(": HTTP 404 Not Found\n"), std::string::npos) << err;
+        }
         EXPECT_FALSE(sideFiles(dir / "out"));
     }
     writeFile(dir / ".netrc", "machine 127.0.0.1 login crate password works\n");
@@ -104,32 +108,62 @@ TEST_F(DownloadCommandTests, StalePartialIsWrittenAgainFromZero) {
     EXPECT_EQ(faults.requests()[0].find("Range:"), std::string::npos);
 }
 
-TEST_F(DownloadCommandTests, SigintKeepsBothSideFilesAndARerunCompletes) {
-    std::string dest = dir / "out";
-    auto null = File::open("/dev/null", {.access = OpenOptions::Access::Write});
-    ASSERT_TRUE(null);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(null->descriptor(), STDERR_FILENO);
-        execl(kTool.c_str(), "crateworks", "download", faults.url("/stall").c_str(), dest.c_str(), (char*)nullptr);
-        _exit(127);
-    }
-    struct stat st {};
-    for (int i = 0; i < 400 && !(stat((dest + ".partial").c_str(), &st) == 0 && st.st_size == 1000); ++i)
-        usleep(10'000);
-    ASSERT_EQ(st.st_size, 1000);
-    kill(pid, SIGINT);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 130);
-    EXPECT_TRUE(exists(dest + ".partial"));
-    EXPECT_TRUE(exists(dest + ".partialState"));
-    EXPECT_FALSE(exists(dest));
+TEST_F(DownloadCommandTests, SignalsKeepBothSideFilesAndARerunResumesWithARange) {
+    // Whoever stops the transfer (Ctrl-C, a timeout, a logout), its resume data stays.
+    for (auto [signal, expected] : {std::pair{SIGINT, 130}, {SIGTERM, 143}, {SIGHUP, 129}}) {
+        std::string dest = dir / ("out" + std::to_string(signal));
+        auto null = File::open("/dev/null", {.access = OpenOptions::Access::Write});
+        ASSERT_TRUE(null);
+        size_t before = faults.requests().size();
+        pid_t pid = fork();
+        if (pid == 0) {
+            dup2(null->descriptor(), STDERR_FILENO);
+            execl(kTool.c_str(), "crateworks", "download", faults.url("/stall").c_str(), dest.c_str(), (char*)nullptr);
+            _exit(127);
+        }
+        struct stat st {};
+        for (int i = 0; i < 400 && !(stat((dest + ".partial").c_str(), &st) == 0 && st.st_size == 1000); ++i)
+            usleep(10'000);
+        ASSERT_EQ(st.st_size, 1000);
+        kill(pid, signal);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status)) << signal;
+        EXPECT_EQ(WEXITSTATUS(status), expected);
+        EXPECT_TRUE(exists(dest + ".partial"));
+        EXPECT_TRUE(exists(dest + ".partialState"));
+        EXPECT_FALSE(exists(dest));
 
-    EXPECT_EQ(run({faults.url("/stall"), dest}), 0);
-    EXPECT_EQ(readFile(dest), FaultServer::body(1));
-    EXPECT_FALSE(sideFiles(dest));
+        EXPECT_EQ(run({faults.url("/stall"), dest}), 0);
+        EXPECT_EQ(readFile(dest), FaultServer::body(1));
+        EXPECT_FALSE(sideFiles(dest));
+        auto heads = faults.requests();
+        ASSERT_EQ(heads.size(), before + 2);
+        EXPECT_NE(heads.back().find("Range: bytes=1000-"), std::string::npos) << heads.back();
+    }
+}
+
+TEST_F(DownloadCommandTests, ADirectoryOrADashAsDestination) {
+    std::filesystem::create_directories(dir / "into");
+    EXPECT_EQ(run({nginx.url("/files/small.bin"), dir / "into"}), 0);
+    EXPECT_EQ(readFile(dir / "into/small.bin"), "small file body\n");
+    EXPECT_FALSE(sideFiles(dir / "into/small.bin"));
+    // A URL whose path ends in "/" names nothing to save: refused before any request.
+    size_t before = faults.requests().size();
+    std::string err;
+    EXPECT_EQ(run({faults.url("/"), dir / "into"}, &err), 1);
+    EXPECT_EQ(lines(err), 1u) << err;
+    EXPECT_EQ(faults.requests().size(), before);
+
+    // A plain local path is a file URL; "-" is standard output.
+    writeFile(dir / "source file", "local body");
+    std::string out = testsupport::runCommand("cd " + testsupport::shellQuote(dir.path()) + " && " +
+                                              testsupport::shellQuote(kTool) + " download 'source file' -");
+    EXPECT_EQ("local body", out);
+    out = testsupport::runCommand(testsupport::shellQuote(kTool) + " download " +
+                                  testsupport::shellQuote(nginx.url("/files/small.bin")) + " - 2>/dev/null");
+    EXPECT_EQ("small file body\n", out);
+    EXPECT_FALSE(exists(dir / "-"));
 }
 
 TEST_F(DownloadCommandTests, HTTPSWithTheTestAuthorityOnly) {
@@ -153,7 +187,7 @@ TEST_F(DownloadCommandTests, FileURLsAndWrongCalls) {
 
     std::string err;
     EXPECT_EQ(run({url}, &err), 2);
-    EXPECT_NE(err.find("usage"), std::string::npos);
+    EXPECT_NE(err.find("Usage: crateworks "), std::string::npos);
     EXPECT_EQ(run({url, dir / "x", "--cacert"}), 2);
     EXPECT_EQ(run({url, dir / "x", "--bogus"}), 2);
     EXPECT_FALSE(exists(dir / "x"));

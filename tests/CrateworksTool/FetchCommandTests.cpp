@@ -130,11 +130,12 @@ TEST_F(FetchCommandTests, ThreePackagesAreFetchedCheckedAndReportedOneLineEach) 
         EXPECT_EQ(out.find("failed"), std::string::npos);
         EXPECT_EQ(err, "");
     }
-    // A second run fetches every package again and replaces what is there.
+    // A second run fetches again only what no longer passes its check.
     writeFile(dest + "/B.bin", "stale");
     std::string out;
     EXPECT_EQ(run({url, dest, "--jobs", "1000"}, &out), 0);
-    EXPECT_EQ(count(out, "fetched"), 3u) << out;
+    EXPECT_EQ(count(out, "fetched"), 1u) << out;
+    EXPECT_EQ(count(out, "present"), 2u) << out;
     EXPECT_EQ(readFile(dest + "/B.bin"), "bee");
 }
 
@@ -163,6 +164,33 @@ TEST_F(FetchCommandTests, FailedPackagesAreRetriedOnceAndLeaveNothingWhileTheOth
     std::string goodLine = out.substr(out.rfind('\n', good) + 1, out.find('\n', good) - out.rfind('\n', good) - 1);
     EXPECT_EQ(goodLine.find("failed"), std::string::npos) << goodLine;
     EXPECT_EQ(count(err, "\n"), 1u) << err;
+    // A failed check says which digests differed.
+    EXPECT_NE(out.find("\twrong-md5.bin\texpected MD5 " + md5("other") + ", the file's differs\n"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find("\tmissing\tHTTP 404 Not Found from " + nginx.url("/missing") + "\n"), std::string::npos) << out;
+}
+
+TEST_F(FetchCommandTests, PackagesAlreadyInPlaceAreNotFetchedAgainUnlessForced) {
+    std::string body = FaultServer::body(1);
+    std::string url = product("again", {{faults.url("/p/one.bin"), "com.example.one", body},
+                                        {faults.url("/p/two.bin"), "com.example.two", body}});
+    std::string out;
+    ASSERT_EQ(run({url, dest}, &out), 0);
+    EXPECT_EQ(count(out, "fetched\t"), 2u) << out;
+    ASSERT_EQ(faults.requests().size(), 2u);
+    // Both pass their check: nothing reaches the server.
+    EXPECT_EQ(run({url, dest}, &out), 0);
+    EXPECT_EQ("present\tcom.example.one\tone.bin\npresent\tcom.example.two\ttwo.bin\n", out);
+    EXPECT_EQ(faults.requests().size(), 2u);
+    // One that no longer passes is fetched again, the other not.
+    writeFile(dest + "/two.bin", "damaged");
+    EXPECT_EQ(run({url, dest}, &out), 0);
+    EXPECT_EQ(requestsFor("/p/one.bin"), 1u);
+    EXPECT_EQ(requestsFor("/p/two.bin"), 2u);
+    EXPECT_EQ(readFile(dest + "/two.bin"), body);
+    EXPECT_EQ(run({url, dest, "--force"}, &out), 0);
+    EXPECT_EQ(requestsFor("/p/one.bin"), 2u);
+    EXPECT_EQ(count(out, "fetched\t"), 2u) << out;
 }
 
 TEST_F(FetchCommandTests, WhatAProductCallsItsPackagesCannotForgeLinesOrLoseThem) {
@@ -308,6 +336,10 @@ TEST_F(FetchCommandTests, ProgressBarOnAPseudoTerminalNeverGoesBackAndEndsAt100)
         // The terminal becomes the controlling terminal of the tool's own session.
         setsid();
         ioctl(slave->descriptor(), TIOCSCTTY, 0);
+        struct winsize size {};
+        size.ws_col = 60;
+        size.ws_row = 24;
+        ioctl(slave->descriptor(), TIOCSWINSZ, &size);
         dup2(slave->descriptor(), STDOUT_FILENO);
         dup2(slave->descriptor(), STDERR_FILENO);
         master.close();
@@ -341,6 +373,11 @@ TEST_F(FetchCommandTests, ProgressBarOnAPseudoTerminalNeverGoesBackAndEndsAt100)
     for (size_t i = 1; i < percentages.size(); ++i) EXPECT_GE(percentages[i], percentages[i - 1]) << screen;
     EXPECT_EQ(percentages.back(), 100.0) << screen;
     EXPECT_NE(screen.find(" of 24.3 MiB"), std::string::npos) << screen;
+    // Every drawing fits the terminal's 60 columns, so that it never wraps.
+    for (size_t at = screen.find("\033[K"); at != std::string::npos; at = screen.find("\033[K", at + 1)) {
+        size_t end = screen.find_first_of("\r\n", at);
+        EXPECT_LT(end - at - 3, 60u) << screen.substr(at, end - at);
+    }
     EXPECT_EQ(count(screen, "fetched"), 3u) << screen;
     EXPECT_EQ(destNames(), (std::vector<std::string>{"bar.bin", "big.bin", "small.bin"}));
 }
@@ -358,7 +395,7 @@ TEST_F(FetchCommandTests, WrongCallsAndUnusableProductsWriteNothing) {
                                                                   {url, dest, "extra"}}) {
         std::string err;
         EXPECT_EQ(run(args, nullptr, &err), 2) << args.back();
-        EXPECT_NE(err.find("usage"), std::string::npos);
+        EXPECT_NE(err.find("Usage: crateworks "), std::string::npos);
         EXPECT_FALSE(exists(dest));
     }
     std::string err;

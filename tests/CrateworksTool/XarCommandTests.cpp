@@ -27,8 +27,18 @@ TEST(XarCommand, ListPrintsOneTabSeparatedLinePerEntryInTocOrder) {
     int status = -1;
     runTool("xar create " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "src"), &status);
     ASSERT_EQ(0, status);
-    auto listed = lines(runTool("xar list " + shellQuote(tmp / "a.xar"), &status));
+    auto full = lines(runTool("xar list " + shellQuote(tmp / "a.xar"), &status));
     EXPECT_EQ(0, status);
+    // The first six fields; the link target and the modification time follow them.
+    std::vector<std::string> listed;
+    for (const auto& line : full) {
+        size_t sixth = 0;
+        for (int i = 0; i < 6; ++i) sixth = line.find('\t', sixth + 1);
+        listed.push_back(line.substr(0, sixth));
+        std::string rest = line.substr(sixth + 1);
+        EXPECT_EQ(line.starts_with("dir/link\t") ? "text.txt" : "", rest.substr(0, rest.find('\t'))) << line;
+        EXPECT_EQ(20u, rest.size() - rest.find('\t') - 1) << line;  // YYYY-MM-DDTHH:MM:SSZ
+    }
     EXPECT_EQ((std::vector<std::string>{
                   "dir\tdirectory\t755\t0\t0\t0",
                   "dir/binary.bin\tfile\t644\t0\t0\t70000",
@@ -49,7 +59,8 @@ TEST(XarCommand, ListPrintsOneTabSeparatedLinePerEntryInTocOrder) {
     auto* top = archive->_xar()->find("top.txt");
     EXPECT_EQ("{\"path\":\"top.txt\",\"type\":\"file\",\"mode\":\"644\",\"uid\":0,\"gid\":0,\"size\":10,"
               "\"encoding\":\"application/x-gzip\",\"archived_checksum\":\"" + top->data->archivedChecksum +
-                  "\",\"extracted_checksum\":\"" + top->data->extractedChecksum + "\"}",
+                  "\",\"extracted_checksum\":\"" + top->data->extractedChecksum + "\",\"link\":null,\"mtime\":\"" +
+                  full.back().substr(full.back().size() - 20) + "\"}",
               json.back());
     // The extracted checksum is the SHA-1 of the file, as an independent tool computes it.
     EXPECT_EQ(top->data->extractedChecksum + "  " + tmp / "src/top.txt" + "\n",
@@ -98,7 +109,7 @@ TEST(XarCommand, NotAnArchiveAndWrongCalls) {
     for (std::string call : {"xar", "xar list", "xar frobnicate x", "xar list a b", "xar create out", "xar list a --xml"}) {
         std::string out = runTool(call, &status);
         EXPECT_EQ(2, status) << call;
-        EXPECT_NE(std::string::npos, out.find("usage:")) << call;
+        EXPECT_NE(std::string::npos, out.find("Usage: crateworks xar")) << call;
     }
 }
 

@@ -1,0 +1,53 @@
+#include "ToolRun.h"
+
+#include <fmt/format.h>
+
+#include "support/TempDir.h"
+
+namespace tooltest {
+
+using testsupport::shellQuote;
+
+std::string binary(const std::string& tool) { return std::string(FERRYHOLD_BINARY_DIR) + "/" + tool; }
+
+Result run(const std::string& tool, const std::vector<std::string>& arguments, const std::string& scratch,
+        const std::string& redirect, const std::string& directory) {
+    std::string command = (directory.empty() ? "" : "cd " + shellQuote(directory) + " && ") + shellQuote(binary(tool));
+    for (const auto& argument : arguments) command += " " + shellQuote(argument);
+    Result result;
+    result.out = testsupport::runCommand(command + " " + redirect + " 2>" + shellQuote(scratch), &result.status);
+    result.err = testsupport::readFile(scratch);
+    return result;
+}
+
+std::string namesFromJsonLines(const std::string& lines, const std::string& key, const std::string& scratch) {
+    testsupport::writeFile(scratch + ".json", lines);
+    testsupport::writeFile(scratch + ".py", R"(
+import base64, json, sys
+key = sys.argv[2]
+for line in open(sys.argv[1], encoding='utf-8'):
+    entry = json.loads(line)
+    if entry.get(key) is None: continue
+    exact = base64.b64decode(entry[key + '_base64']) if key + '_base64' in entry else entry[key].encode('utf-8')
+    print(entry[key].encode('unicode_escape').decode('ascii') + '|' + exact.hex())
+)");
+    return testsupport::runCommand("python3 " + shellQuote(scratch + ".py") + " " + shellQuote(scratch + ".json") + " " +
+                                   shellQuote(key));
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    size_t start = 0;
+    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
+        out.push_back(text.substr(start, nl - start));
+    if (start < text.size()) out.push_back(text.substr(start));
+    return out;
+}
+
+std::string hex(const std::string& bytes) {
+    std::string out;
+    for (unsigned char c : bytes) out += fmt::format("{:02x}", c);
+    return out;
+}
+
+}  // namespace tooltest
