@@ -43,17 +43,23 @@ std::shared_ptr<CWXARArchive> openArchive(const std::string& argument) {
         }
         path = spooledInput()->path();
     }
+    // Messages name what the user gave, never the spooled copy.
+    std::string shown = path == argument ? commandline::escapedText(argument) : "standard input";
+    auto named = [&](std::string text) {
+        for (size_t at; (at = text.find(path)) != std::string::npos;) text.replace(at, path.size(), shown);
+        return text;
+    };
     auto archive = CWXARArchive::initForReadingFromPath(path, &error);
     if (!archive) {
         const std::string* reason = error.userInfo.findString(platform::kFailureReasonKey);
         if (error.domain == platform::kPOSIXErrorDomain || !reason || reason->rfind("truncated", 0) == 0)
-            fmt::print(stderr, "crateworks xar: {}\n", error.description());
+            fmt::print(stderr, "crateworks xar: {}\n", named(error.description()));
         else
-            fmt::print(stderr, "crateworks xar: {}: not a XAR archive ({})\n", path, *reason);
+            fmt::print(stderr, "crateworks xar: {}: not a XAR archive ({})\n", shown, *reason);
         return nullptr;
     }
     if (uint64_t refused = archive->_xar()->refusedEntryCount())
-        fmt::print(stderr, "crateworks xar: {}: {} entries with unsafe names left out\n", path, refused);
+        fmt::print(stderr, "crateworks xar: {}: {} entries with unsafe names left out\n", shown, refused);
     return archive;
 }
 
@@ -121,9 +127,10 @@ int extract(const std::string& path, const std::string& destination) {
     std::string failed;
     if (!extractor.extractAll(&failed, &error)) {
         if (error.code == platform::kFileReadCorruptFileError)
-            fmt::print(stderr, "crateworks xar: {}: entry {} failed its checksum\n", path, failed);
+            fmt::print(stderr, "crateworks xar: {}: entry {} failed its checksum\n", path, commandline::escapedText(failed));
         else
-            fmt::print(stderr, "crateworks xar: {}: entry {}: {}\n", path, failed, error.description());
+            fmt::print(stderr, "crateworks xar: {}: entry {}: {}\n", path, commandline::escapedText(failed),
+                       error.description());
         return 1;
     }
     return 0;
@@ -161,7 +168,7 @@ int verify(const std::string& path) {
     platform::Error error;
     if (!archive->verifyReturningError(&error)) {
         const std::string* entry = error.userInfo.findString(platform::kFilePathErrorKey);
-        fmt::print(stderr, "crateworks xar: {}: entry {} is damaged\n", path, entry ? *entry : "?");
+        fmt::print(stderr, "crateworks xar: {}: entry {} is damaged\n", path, entry ? commandline::escapedText(*entry) : "?");
         return 1;
     }
     size_t count = 0;

@@ -133,6 +133,7 @@ TEST_F(ListingOutput, DashIsStandardInputOrOutputForWholeFiles) {
     Result text = crateworks({"xar", "list", "-"}, "<" + shellQuote(tmp / "tree/tab\there"));
     EXPECT_EQ(1, text.status);
     EXPECT_EQ("", text.out);
+    EXPECT_EQ("crateworks xar: standard input: not a XAR archive (too short for a header)\n", text.err);
 }
 
 }  // namespace
