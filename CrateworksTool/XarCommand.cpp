@@ -46,7 +46,9 @@ std::shared_ptr<CWXARArchive> openArchive(const std::string& argument) {
     // Messages name what the user gave, never the spooled copy.
     std::string shown = path == argument ? commandline::escapedText(argument) : "standard input";
     auto named = [&](std::string text) {
-        for (size_t at; (at = text.find(path)) != std::string::npos;) text.replace(at, path.size(), shown);
+        if (path == argument) return text;
+        for (size_t at = text.find(path); at != std::string::npos; at = text.find(path, at + shown.size()))
+            text.replace(at, path.size(), shown);
         return text;
     };
     auto archive = CWXARArchive::initForReadingFromPath(path, &error);

@@ -134,6 +134,16 @@ TEST_F(ListingOutput, DashIsStandardInputOrOutputForWholeFiles) {
     EXPECT_EQ(1, text.status);
     EXPECT_EQ("", text.out);
     EXPECT_EQ("crateworks xar: standard input: not a XAR archive (too short for a header)\n", text.err);
+    // A damaged archive on standard input is named as such, never by its spooled copy.
+    std::string archive = testsupport::readFile(tmp / "piped.xar");
+    testsupport::writeFile(tmp / "cut.xar", archive.substr(0, archive.size() - 100));
+    for (const std::string& argument : {std::string("-"), tmp / "cut.xar"}) {
+        Result cut = crateworks({"xar", "list", argument}, "<" + shellQuote(tmp / "cut.xar"));
+        EXPECT_EQ(1, cut.status) << argument;
+        EXPECT_EQ(1, std::count(cut.err.begin(), cut.err.end(), '\n')) << cut.err;
+        EXPECT_NE(std::string::npos, cut.err.find(argument == "-" ? "standard input" : argument)) << cut.err;
+        EXPECT_EQ(std::string::npos, cut.err.find("/proc/")) << cut.err;
+    }
 }
 
 }  // namespace
