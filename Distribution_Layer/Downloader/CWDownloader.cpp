@@ -215,7 +215,7 @@ void CWDownloader::stopQueue() {
         std::shared_ptr<CWDownload> download = element->download();
         if (!download) continue;
         download->cancel();
-        if (element->download() != download || _queue->activeElementForURL(element->URLString()) != element) continue;
+        if (element->download() != download || !_queue->isActive(element)) continue;
         if (!_cancelDownloadCapturingResumeData(element)) _queue->revertElement(element, false);
         element->setDownload(nullptr);
         _queue->deactivateElement(element);
@@ -281,7 +281,7 @@ void CWDownloader::_startDownloadForQueueElement(const Element& element) {
                               platform::Dictionary{{platform::kURLErrorFailingURLStringKey, url.absoluteString()},
                                                    {platform::kErrorDescriptionKey, "unsupported URL"}}};
         _performOnMainThread([element, error](CWDownloader& self) {
-            if (self._queue->activeElementForURL(element->URLString()) == element)
+            if (self._queue->isActive(element))
                 self._elementDidFailWithError(element, error);
         });
         return;
@@ -388,7 +388,7 @@ void CWDownloader::_abandonOversizedDownload(const Element& element) {
         download->cancel();
         platform::fs::removeItem(element->partialPath());
         platform::fs::removeItem(element->resumeDataPath());
-        if (self._queue->activeElementForURL(element->URLString()) != element) return;
+        if (!self._queue->isActive(element)) return;
         platform::Error error{platform::kURLErrorDomain, platform::kURLErrorCannotWriteToFile,
                               platform::Dictionary{
                                   {platform::kURLErrorFailingURLStringKey, element->URLString()},

@@ -33,8 +33,13 @@ std::shared_ptr<CWDownloaderQueueElement> CWDownloaderQueue::activeElementForURL
     return nullptr;
 }
 
-bool CWDownloaderQueue::_removeActive(const std::string& absoluteURL) {
-    auto found = std::find_if(_active.begin(), _active.end(), [&](const auto& entry) { return entry.first == absoluteURL; });
+bool CWDownloaderQueue::isActive(const std::shared_ptr<CWDownloaderQueueElement>& element) const {
+    return std::any_of(_active.begin(), _active.end(), [&](const auto& entry) { return entry.second == element; });
+}
+
+// By identity: two packages may share a URL, and the one that finished is the one to go.
+bool CWDownloaderQueue::_removeActive(const std::shared_ptr<CWDownloaderQueueElement>& element) {
+    auto found = std::find_if(_active.begin(), _active.end(), [&](const auto& entry) { return entry.second == element; });
     if (found == _active.end()) return false;
     _active.erase(found);
     return true;
@@ -47,7 +52,7 @@ void CWDownloaderQueue::addElement(const std::shared_ptr<CWDownloaderQueueElemen
 }
 
 void CWDownloaderQueue::removeElement(const std::shared_ptr<CWDownloaderQueueElement>& element, bool didFinish) {
-    if (!_removeActive(element->URLString())) {
+    if (!_removeActive(element)) {
         auto waiting = std::find(_queue.begin(), _queue.end(), element);
         if (waiting == _queue.end()) {
             platform::systemLog(platform::kInstallerFacility | platform::kLogWarning,
@@ -72,9 +77,8 @@ void CWDownloaderQueue::revertElement(const std::shared_ptr<CWDownloaderQueueEle
 }
 
 void CWDownloaderQueue::deactivateElement(const std::shared_ptr<CWDownloaderQueueElement>& element) {
-    if (activeElementForURL(element->URLString()) != element) return;
+    if (!_removeActive(element)) return;
     _queue.push_front(element);
-    _removeActive(element->URLString());
 }
 
 void CWDownloaderQueue::clearAll() {

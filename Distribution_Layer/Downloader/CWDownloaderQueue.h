@@ -36,6 +36,8 @@ public:
     // has reached the maximum or nothing waits.
     std::shared_ptr<CWDownloaderQueueElement> activateNextElement();
     std::shared_ptr<CWDownloaderQueueElement> activeElementForURL(const std::string& absoluteURL) const;
+    // Whether this very element is active (another with the same URL may be).
+    bool isActive(const std::shared_ptr<CWDownloaderQueueElement>& element) const;
 
     uint64_t totalSizeQueued() const { return _totalSizeQueued; }
     uint64_t sizeDownloaded() const { return _sizeDownloaded; }
@@ -70,7 +72,7 @@ public:
     void _adjustQueueSizeBy(int64_t delta);
 
 private:
-    bool _removeActive(const std::string& absoluteURL);
+    bool _removeActive(const std::shared_ptr<CWDownloaderQueueElement>& element);
 
     std::atomic<uint64_t> _maxConcurrentDownloadCount{1};
     std::deque<std::shared_ptr<CWDownloaderQueueElement>> _queue;

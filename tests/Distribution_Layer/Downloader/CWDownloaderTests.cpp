@@ -212,6 +212,38 @@ TEST_F(DownloaderTests, PackagesRunOneAtATimeInQueueOrderAndLandInPlace) {
         *reference(faults.url("/pkg/b"), "b", FaultServer::kBodySize, digest)));
 }
 
+// Packages that share a URL, several transfers at once, finishing in the reverse of the
+// order they started: each finished one must leave the active set itself, or a sibling
+// still running is dropped, its end goes unheard and the queue never empties.
+TEST_F(DownloaderTests, PackagesSharingAURLAllFinishWithSeveralTransfersAtOnce) {
+    std::string digest = bodyDigest();
+    int round = 0;
+    for (uint64_t concurrency : {2u, 2u, 8u}) {
+        SCOPED_TRACE(concurrency);
+        Recorder run;
+        auto queue = CWDownloader::initWithDelegate(&run);
+        queue->setMaxConcurrentDownloadCount(concurrency);
+        std::string url = faults.url(fmt::format("/reverse/{}/{}", concurrency, ++round));
+        std::vector<std::string> ids;
+        for (uint64_t i = 0; i < concurrency; ++i) {
+            std::string id = fmt::format("r{}-{}", round, i);
+            ids.push_back(id);
+            queue->queuePackageReference(*reference(url, id, FaultServer::kBodySize, digest), dir / (id + ".bin"));
+        }
+        queue->startQueue();
+        ASSERT_TRUE(runUntil([&] { return run.stopped(); }, 30));
+        for (const auto& id : ids) {
+            EXPECT_EQ(run.count("finish " + id), 1u) << id;
+            EXPECT_EQ(md5sum(dir / (id + ".bin")), digest) << id;
+            expectNoSideFiles(dir / (id + ".bin"));
+        }
+        EXPECT_EQ(run.count("stop"), 1u);
+        EXPECT_TRUE(queue->isQueueEmpty());
+        EXPECT_FALSE(queue->isQueueRunning());
+        EXPECT_EQ(queue->completedDownloadSize(), concurrency * FaultServer::kBodySize);
+    }
+}
+
 TEST_F(DownloaderTests, ChecksDecideWhatIsKeptAndWhatIsReportedInvalid) {
     std::string good = "package body that the digest belongs to\n";
     writeFile(dir / "good.ref", good);

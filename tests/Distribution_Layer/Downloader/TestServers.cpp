@@ -181,6 +181,7 @@ FaultServer::~FaultServer() {
     {
         std::lock_guard lock(mutex_);
         for (int fd : clients_) shutdown(fd, SHUT_RDWR);
+        arrived_.notify_all();
     }
     for (auto& t : threads_) t.join();
     listenSocket_.close();
@@ -228,9 +229,18 @@ void FaultServer::_serve(int fd) {
     std::string path = head.substr(4, head.find(' ', 4) - 4);
     bool failNow = false;
     {
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         requests_.push_back(head);
         if (path.starts_with("/flaky/")) failNow = flakyCounts_[path]++ == 0;
+        if (path.starts_with("/reverse/")) {
+            int expected = std::stoi(path.substr(9));
+            int arrival = arrivals_[path]++;
+            arrived_.notify_all();
+            arrived_.wait_for(lock, std::chrono::seconds(5),
+                              [&] { return stopping_ || arrivals_[path] >= expected; });
+            lock.unlock();
+            std::this_thread::sleep_for(std::chrono::milliseconds(150 * std::max(0, expected - 1 - arrival)));
+        }
     }
     if (failNow) {
         sendAll(fd, "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");

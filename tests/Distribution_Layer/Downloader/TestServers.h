@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <string>
@@ -47,6 +48,8 @@ private:
 // Faults hit only requests from byte 0, so that a resumed request completes.
 //   /changing    ETag "vK" for the K-th request, a body that differs by K; If-Range never matches
 //   /flaky/KEY   500 with an empty body for the first request of each KEY, the body afterwards
+//   /reverse/N/KEY  held until N requests for the path have come (5 s at most), then
+//                answered last come first, 150 ms apart
 // The body of every path is body(version) of kBodySize bytes.
 class FaultServer {
 public:
@@ -69,6 +72,8 @@ private:
     std::mutex mutex_;
     std::vector<std::string> requests_;
     std::map<std::string, int> flakyCounts_;
+    std::map<std::string, int> arrivals_;
+    std::condition_variable arrived_;
     std::vector<int> clients_;
     std::vector<std::thread> threads_;
     std::thread acceptThread_;
