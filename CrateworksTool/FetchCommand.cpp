@@ -115,11 +115,15 @@ public:
         _fail(*reference, error.description());
     }
 
-    void packageDownloaderDidDownloadInvalidDataForPackageReference(CWDownloader&,
+    void packageDownloaderDidDownloadInvalidDataForPackageReference(CWDownloader& downloader,
                                                                     const Reference& reference) override {
-        // The downloader removes the bytes before saying so: their digest is gone.
         std::string why = "did not pass its check";
-        if (auto expected = reference->MD5()) why = fmt::format("expected MD5 {}, the file's differs", *expected);
+        auto expected = reference->MD5();
+        auto computed = downloader.computedMD5ForFailedPackageReference(*reference);
+        if (expected && computed)
+            why = fmt::format("expected MD5 {}, got {}", tool::printable(*expected), *computed);
+        else if (expected)
+            why = fmt::format("expected MD5 {}, the file could not be read", tool::printable(*expected));
         _removeSideFiles(*reference);
         _fail(*reference, why);
     }

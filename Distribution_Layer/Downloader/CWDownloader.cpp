@@ -67,15 +67,20 @@ bool diskImageVerifies(const std::string& path) {
 
 namespace downloader_checks {
 
-bool checksumMatches(const std::string& path, const std::string& expected,
-                     const std::function<void(uint64_t)>& checked) {
+std::optional<std::string> md5OfFile(const std::string& path, const std::function<void(uint64_t)>& checked) {
     platform::digest::Hasher md5(platform::digest::Algorithm::MD5);
     bool read = platform::fs::readInChunks(path, kChecksumChunkSize, [&](std::span<const uint8_t> chunk) {
         md5.update(chunk);
         checked(chunk.size());
         return true;
     });
-    return read && platform::digest::hex(md5.finish()) == expected;
+    if (!read) return std::nullopt;
+    return platform::digest::hex(md5.finish());
+}
+
+bool checksumMatches(const std::string& path, const std::string& expected,
+                     const std::function<void(uint64_t)>& checked) {
+    return md5OfFile(path, checked) == expected;
 }
 
 bool nativeCheckPasses(const std::string& path, const std::string& destination) {
@@ -444,30 +449,44 @@ void CWDownloader::_elementDidFinish(const Element& element, const std::shared_p
     auto reference = element->packageReference();
     std::string expected = reference->MD5().value_or("");
     auto tracker = _checksumTracker;
-    auto report = [weak = weak_from_this(), loop = _mainLoop, element](bool passed) {
-        loop->perform([weak, element, passed] {
-            if (auto self = weak.lock()) self->_postProcessDownload(element, passed);
+    auto report = [weak = weak_from_this(), loop = _mainLoop, element](bool passed,
+                                                                         std::optional<std::string> digest) {
+        loop->perform([weak, element, passed, digest] {
+            if (auto self = weak.lock()) self->_postProcessDownload(element, passed, digest);
         });
     };
     std::thread([element, tracker, expected, report] {
         platform::thread::setCurrentName(kCheckThreadName);
         bool passed;
+        std::optional<std::string> digest;
         if (!expected.empty()) {
-            passed = downloader_checks::checksumMatches(element->partialPath(), expected, [&](uint64_t length) {
+            digest = downloader_checks::md5OfFile(element->partialPath(), [&](uint64_t length) {
                 element->_addToChecksummedBytes(length);
                 tracker->didGetBytes(length);
             });
+            passed = digest == expected;
         } else {
             passed = downloader_checks::nativeCheckPasses(element->partialPath(), element->destination());
             uint64_t size = element->packageReference()->fileSize();
             element->_addToChecksummedBytes(size);
             tracker->didGetBytes(size);
         }
-        report(passed);
+        report(passed, digest);
     }).detach();
 }
 
-void CWDownloader::_postProcessDownload(const Element& element, bool succeeded) {
+std::optional<std::string> CWDownloader::computedMD5ForFailedPackageReference(
+    const CWPackageReference& reference) const {
+    auto it = _failedDigests.find(&reference);
+    if (it == _failedDigests.end()) return std::nullopt;
+    return it->second;
+}
+
+void CWDownloader::_postProcessDownload(const Element& element, bool succeeded,
+                                        std::optional<std::string> computedMD5) {
+    // Kept for the host while it hears of the failure (and until the package's next check).
+    if (!succeeded && computedMD5) _failedDigests[element->packageReference().get()] = *computedMD5;
+    else _failedDigests.erase(element->packageReference().get());
     if (!succeeded) {
         platform::fs::removeItem(element->partialPath());
         _elementDidFailWithError(element, std::nullopt);

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -79,6 +80,10 @@ public:
     static std::vector<std::string> keyPathsForValuesAffectingValueForKey(std::string_view key);
 
     const CWDownloaderQueue& queue() const { return *_queue; }
+    // The MD5 (32 lower-case hexadecimal digits) that the last failed check of the
+    // package computed, so that a host can say which digests differed; absent when its
+    // check did not fail on a digest.
+    std::optional<std::string> computedMD5ForFailedPackageReference(const CWPackageReference& reference) const;
     // The indicator timer's work: the progress, then (while running) the speeds.
     void _updateIndicators();
 
@@ -115,7 +120,8 @@ private:
     bool _cancelDownloadCapturingResumeData(const Element& element);
     Element _elementForDownload(CWDownload& download) const;
     void _elementDidFinish(const Element& element, const std::shared_ptr<CWDownload>& download);
-    void _postProcessDownload(const Element& element, bool succeeded);
+    void _postProcessDownload(const Element& element, bool succeeded,
+                              std::optional<std::string> computedMD5 = std::nullopt);
     void _elementDidFailWithError(const Element& element, const std::optional<platform::Error>& error);
     void _abandonOversizedDownload(const Element& element);
     void _finishFileCopyWithResult(const Element& element, const std::optional<platform::Error>& error);
@@ -132,6 +138,7 @@ private:
     std::shared_ptr<platform::RunLoopTimer> _progressTimer;
     std::shared_ptr<platform::RunLoop> _mainLoop;
     Observer _observer;
+    std::map<const CWPackageReference*, std::string> _failedDigests;
 };
 
 // The checks a finished package gets, callable on their own. Each counts the bytes it
@@ -142,6 +149,8 @@ namespace downloader_checks {
 // exactly (an upper-case text never matches). Reads 64 KiB at a time.
 bool checksumMatches(const std::string& path, const std::string& expected,
                      const std::function<void(uint64_t)>& checked);
+// The file's MD5 as 32 lower-case hexadecimal digits; absent when it cannot be read.
+std::optional<std::string> md5OfFile(const std::string& path, const std::function<void(uint64_t)>& checked);
 // The check by file kind, chosen by the extension of `destination`'s file name: "pkg"
 // and "mpkg" archives entry by entry, "dmg" images through the disk-image tool, other
 // kinds pass with a log line. `path` is the file to check.
