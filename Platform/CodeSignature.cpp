@@ -91,7 +91,7 @@ std::shared_ptr<StaticCode> StaticCode::create(const std::string& path) {
 std::optional<SigningInformation> StaticCode::signingInformation(uint32_t flags) const {
     std::string folder = path::appendComponent(path_, kCodeSignatureDirectory);
     auto resources = plist::readDictionaryFile(path::appendComponent(folder, kResourcesName));
-    auto signature = fs::readFile(path::appendComponent(folder, kSignatureName));
+    auto signature = fs::readRegularFile(path::appendComponent(folder, kSignatureName));
     const std::string* identifier = resources ? resources->findString("Identifier") : nullptr;
     if (!identifier || !signature) return std::nullopt;
     auto cms = readSignature(*signature);
@@ -104,8 +104,8 @@ std::optional<SigningInformation> StaticCode::signingInformation(uint32_t flags)
 int64_t StaticCode::checkValidity(uint32_t flags) const {
     failedResource_.reset();
     std::string folder = path::appendComponent(path_, kCodeSignatureDirectory);
-    auto resourcesBytes = fs::readFile(path::appendComponent(folder, kResourcesName));
-    auto signature = fs::readFile(path::appendComponent(folder, kSignatureName));
+    auto resourcesBytes = fs::readRegularFile(path::appendComponent(folder, kResourcesName));
+    auto signature = fs::readRegularFile(path::appendComponent(folder, kSignatureName));
     if (!resourcesBytes || !signature) return kStatusCodeUnsigned;
     auto cms = readSignature(*signature);
     auto content = detail::memoryBIO(*resourcesBytes);

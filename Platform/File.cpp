@@ -42,7 +42,7 @@ int openFlags(const OpenOptions& o) {
     if (o.truncate) flags |= O_TRUNC;
     if (o.append) flags |= O_APPEND;
     if (!o.followFinalLink) flags |= O_NOFOLLOW;
-    if (o.nonBlocking) flags |= O_NONBLOCK;
+    if (o.nonBlocking || o.regularFile) flags |= O_NONBLOCK;
     if (o.directory) flags |= O_DIRECTORY;
     return flags;
 }
@@ -63,6 +63,29 @@ File& File::operator=(File&& other) noexcept {
     return *this;
 }
 
+// The type is the open descriptor's, so that nothing swapped in after a check is read.
+// Regular files never block, so their reads go back to blocking mode.
+static bool checkRegular(int fd, const OpenOptions& options, int* code) {
+    if (!options.regularFile) return true;
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        *code = errno;
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        *code = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        return false;
+    }
+    if (!options.nonBlocking) {
+        int flags = fcntl(fd, F_GETFL);
+        if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+            *code = errno;
+            return false;
+        }
+    }
+    return true;
+}
+
 std::optional<File> File::open(const std::string& path, const OpenOptions& options, Error* error) {
     if (path.empty()) {
         failWith(error, path, ENOENT);
@@ -73,7 +96,12 @@ std::optional<File> File::open(const std::string& path, const OpenOptions& optio
         failWith(error, path, errno);
         return std::nullopt;
     }
-    return File(fd, path);
+    File file(fd, path);
+    if (int code = 0; !checkRegular(fd, options, &code)) {
+        failWith(error, path, code);
+        return std::nullopt;
+    }
+    return file;
 }
 
 std::optional<File> File::openAt(const File& directory, const std::string& name, const OpenOptions& options,
@@ -84,7 +112,12 @@ std::optional<File> File::openAt(const File& directory, const std::string& name,
         failWith(error, shown, errno);
         return std::nullopt;
     }
-    return File(fd, std::move(shown));
+    File file(fd, shown);
+    if (int code = 0; !checkRegular(fd, options, &code)) {
+        failWith(error, shown, code);
+        return std::nullopt;
+    }
+    return file;
 }
 
 File File::adopt(int descriptor, std::string path) { return File(descriptor, std::move(path)); }

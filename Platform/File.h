@@ -26,6 +26,10 @@ struct OpenOptions {
     bool followFinalLink = true;    // false: a symbolic link at the path fails (ELOOP)
     bool nonBlocking = false;       // a FIFO or a device does not block the open
     bool directory = false;         // it must be a directory
+    // It must be a regular file: opened without blocking (so a FIFO planted in its place
+    // cannot stall the open) and judged by fstat on the open descriptor; anything else
+    // fails with EISDIR for a directory, EINVAL otherwise.
+    bool regularFile = false;
     mode_t mode = 0666;
 };
 

@@ -110,6 +110,12 @@ std::optional<Data> readFile(const std::string& path, Error* error) {
     return file->readToEnd(error);
 }
 
+std::optional<Data> readRegularFile(const std::string& path, Error* error) {
+    auto file = File::open(path, {.regularFile = true}, error);
+    if (!file) return std::nullopt;
+    return file->readToEnd(error);
+}
+
 bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, Error* error) {
     static std::atomic<unsigned> counter{0};
     std::string dir = path::deletingLastComponent(path);

@@ -59,6 +59,10 @@ bool existsNoFollow(const std::string& path);
 std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path, Error* error = nullptr);
 
 std::optional<Data> readFile(const std::string& path, Error* error = nullptr);
+// readFile for what a volume, an archive or a download names: only a regular file (a
+// final link followed) is read, and a FIFO or a device in its place neither blocks nor
+// streams forever.
+std::optional<Data> readRegularFile(const std::string& path, Error* error = nullptr);
 
 // Reads a regular file without following a symbolic link at `path`, and gives the
 // attributes of the very file that was read (no race between check and read).

@@ -8,7 +8,7 @@
 namespace platform {
 
 std::shared_ptr<MappedFile> MappedFile::open(const std::string& path) {
-    auto file = fs::File::open(path);
+    auto file = fs::File::open(path, {.regularFile = true});
     if (!file) return nullptr;
     struct stat st {};
     if (fstat(file->descriptor(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;

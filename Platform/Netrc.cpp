@@ -11,7 +11,7 @@ namespace platform::netrc {
 std::optional<URLCredential> credentialForHost(std::string_view host) {
     const char* home = getenv("HOME");
     if (!home || !*home) return std::nullopt;
-    auto bytes = fs::readFile(path::appendComponent(home, ".netrc"));
+    auto bytes = fs::readRegularFile(path::appendComponent(home, ".netrc"));
     if (!bytes) return std::nullopt;
     return credentialForHost(host, std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
 }

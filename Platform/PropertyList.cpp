@@ -165,7 +165,7 @@ std::optional<Value> readBytes(std::span<const uint8_t> bytes, Error* error) {
 }
 
 std::optional<Value> readFile(const std::string& path) {
-    auto bytes = fs::readFile(path);
+    auto bytes = fs::readRegularFile(path);
     if (!bytes) return std::nullopt;
     return readBytes(*bytes);
 }

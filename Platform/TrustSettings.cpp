@@ -103,7 +103,7 @@ bool isHashedName(const std::string& name) {
 }
 
 void readCertificateFile(const std::string& path, CertificateList& out) {
-    auto bytes = fs::readFile(path);
+    auto bytes = fs::readRegularFile(path);
     if (!bytes) return;
     for (auto& certificate : Certificate::allFromData(*bytes)) appendUnique(out, certificate);
 }

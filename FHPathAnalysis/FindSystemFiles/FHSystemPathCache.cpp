@@ -53,7 +53,7 @@ std::optional<std::vector<std::string>> FHSystemPathCache::read() const {
     // The file judged is the file read (a link is refused, not followed), and nothing of
     // it is read until every test that needs no content has passed: anyone may plant a
     // file here, of any size.
-    auto file = fs::File::open(path_, {.followFinalLink = false, .nonBlocking = true});
+    auto file = fs::File::open(path_, {.followFinalLink = false, .nonBlocking = true, .regularFile = true});
     if (!file) return std::nullopt;
     auto attributes = file->attributes();
     if (!attributes || !ownedByRootWithMode0644(*attributes) || !datesAllow(*attributes)) return std::nullopt;

@@ -34,7 +34,7 @@ void addUsersFolder(const std::string& rootPath, std::vector<FHSystemUser>& user
 }
 
 void addPasswordFileUsers(const std::string& rootPath, std::vector<FHSystemUser>& users) {
-    auto bytes = platform::fs::readFile(path::appendComponent(rootPath, "etc/passwd"));
+    auto bytes = platform::fs::readRegularFile(path::appendComponent(rootPath, "etc/passwd"));
     if (!bytes) return;
     std::istringstream lines(std::string(bytes->begin(), bytes->end()));
     for (std::string line; std::getline(lines, line);) {

@@ -8,6 +8,7 @@
 #include "FHPathAnalysis/Support/FileSizer.h"
 #include "Platform/PropertyList.h"
 #include "support/FrameworkFixture.h"
+#include "support/HostileFiles.h"
 #include "support/VolumeBuilder.h"
 
 using namespace testsupport;
@@ -137,6 +138,26 @@ TEST_F(ReaperTest, DocumentHasTwoKeysAndOutputOfTheAnalysisGoesToStandardError) 
         &status);
     EXPECT_EQ(0, status);
     EXPECT_EQ("['ReapablePaths', 'ReapableSize'] True int\n", check);
+}
+
+// FIFOs planted in the volume's receipts folder, named like a receipt and its property
+// list, used to hang the run on their open. The run ends on time and analyses the rest.
+TEST_F(ReaperTest, PlantedFIFOsInTheReceiptsFolderDoNotHangTheRun) {
+    std::string root = makeVolume("fifo", [](VolumeBuilder& v) {
+        v.package("com.vendor.Tool").location(PackageDescription::Location::Library).file("/usr/local/bin/tool", 100);
+    });
+    std::string receipts = root + "/Library/Receipts";
+    ASSERT_TRUE(makeHostileFile("fifo", receipts + "/com.evil.Trap.bom"));
+    ASSERT_TRUE(makeHostileFile("fifo", receipts + "/com.evil.Trap.plist"));
+    // And in place of a real receipt's property list.
+    ASSERT_TRUE(std::filesystem::remove(receipts + "/com.vendor.Tool.plist"));
+    ASSERT_TRUE(makeHostileFile("fifo", receipts + "/com.vendor.Tool.plist"));
+    // Killed after the deadline: the status is then 137, never the 0 asked for below.
+    Outcome run = reaper({root, "10.7"}, "timeout -s KILL 60 ");
+    ASSERT_EQ(0, run.status) << run.err;
+    auto doc = platform::plist::readBytes(std::span(reinterpret_cast<const uint8_t*>(run.out.data()), run.out.size()));
+    ASSERT_TRUE(doc && doc->dictionary()) << run.out;
+    EXPECT_TRUE(contains(reapable(*doc->dictionary()), "/bin"));
 }
 
 TEST_F(ReaperTest, PathsAndSizeOfASmallVolume) {

@@ -40,7 +40,7 @@ std::unique_ptr<platform::DirectoryEnumerator> CWFolderArchive::enumeratorAtPath
 }
 
 std::optional<platform::Data> CWFolderArchive::dataForPath(const std::string& path) {
-    return platform::fs::readFile(_joined(path));
+    return platform::fs::readRegularFile(_joined(path));
 }
 
 std::optional<platform::Dictionary> CWFolderArchive::fileAttributesAtPath(const std::string& path) {

@@ -188,7 +188,7 @@ std::optional<std::string> CWXARArchive::archiveDigest() {
     uint64_t heapOffset = xar->heapOffset();
     closeArchive();
     platform::Data bytes(size_t(std::min<uint64_t>(size, 4096)));
-    auto file = platform::fs::File::open(_archivePath);
+    auto file = platform::fs::File::open(_archivePath, {.regularFile = true});
     auto n = file ? file->readAt(heapOffset + offset, bytes) : std::nullopt;
     if (!n || *n != size) return std::nullopt;
     return platform::digest::hex(bytes);

@@ -11,6 +11,7 @@
 #include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
+#include "support/HostileFiles.h"
 
 using namespace findtests;
 using testsupport::VolumeBuilder;
@@ -208,6 +209,25 @@ TEST_F(CacheTest, UnwritableCacheIsReportedExceptInsideABackupStore) {
     EXPECT_TRUE(finder->systemPaths());
     EXPECT_TRUE(logged("Writing system path cache."));
     EXPECT_FALSE(logged("FSF cache NOT written: " + backup + FHSystemPathCache::kCachePath));
+}
+
+// A FIFO, a device or a socket at the cache's path, root's and 0644 like a real cache:
+// the read gives up at once and a fresh cache replaces the item.
+TEST_F(CacheTest, PlantedNonRegularFileIsRefusedWithoutBlockingAndReplaced) {
+    for (const char* kind : {"fifo", "device", "socket"}) {
+        SCOPED_TRACE(kind);
+        stdfs::remove(cache_);
+        if (!testsupport::makeHostileFile(kind, cache_)) {
+            EXPECT_STREQ(kind, "device") << "only a device may be refused to a container";
+            continue;
+        }
+        ASSERT_EQ(0, chmod(cache_.c_str(), 0644));
+        auto fresh = testsupport::resultWithin(30, [&] { return !answeredFromCache(); });
+        EXPECT_EQ(fresh, true);
+        // The child wrote the new cache; this process now reads it.
+        EXPECT_TRUE(stdfs::is_regular_file(stdfs::symlink_status(cache_)));
+        EXPECT_TRUE(answeredFromCache());
+    }
 }
 
 TEST_F(CacheTest, PlantedLinkIsNotWrittenThrough) {

@@ -38,7 +38,7 @@ platform::Error corruptEntryError(const std::string& entryPath) {
 XarReader::XarReader(std::string path, platform::fs::File file) : path_(std::move(path)), file_(std::move(file)) {}
 
 std::unique_ptr<XarReader> XarReader::open(const std::string& path, platform::Error* error) {
-    auto file = platform::fs::File::open(path, {}, error);
+    auto file = platform::fs::File::open(path, {.regularFile = true}, error);
     if (!file) return nullptr;
     std::unique_ptr<XarReader> reader(new XarReader(path, std::move(*file)));
     if (auto why = reader->_read()) {

@@ -13,6 +13,7 @@
 #include "CrateworksCore/Package_API/Archive/xar/XarEncoding.h"
 #include "Platform/Exception.h"
 #include "XarTestSupport.h"
+#include "support/HostileFiles.h"
 #include "support/TempDir.h"
 
 using namespace crateworks;
@@ -44,6 +45,22 @@ std::string writeSample(const TempDir& tmp) {
     EXPECT_TRUE(archive->setData(bytes("zulu"), "z.txt", false));
     EXPECT_TRUE(archive->closeArchive());
     return path;
+}
+
+// Something that is not a regular file where an archive is expected is refused with a
+// POSIX error at once: a FIFO must not block the open, a device must not be read.
+TEST(CWXARArchive, NonRegularFilesAreRefusedWithoutBlocking) {
+    TempDir dir;
+    auto planted = testsupport::makeHostileFiles(dir / "planted");
+    ASSERT_GE(planted.size(), 2u);
+    for (const auto& item : planted) {
+        auto refused = testsupport::resultWithin(10, [&] {
+            platform::Error error;
+            return CWXARArchive::initForReadingFromPath(item.path, &error) == nullptr &&
+                   error.domain == platform::kPOSIXErrorDomain && error.code == (item.kind == "socket" ? ENXIO : EINVAL);
+        });
+        EXPECT_EQ(refused, true) << item.kind;
+    }
 }
 
 TEST(CWXARArchive, AttributesComeFromTheTocWithTheDecimalModeReading) {

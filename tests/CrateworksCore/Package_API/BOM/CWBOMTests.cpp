@@ -7,6 +7,7 @@
 #include "CrateworksCore/Package_API/BOM/CWBOMDirectoryEnumerator.h"
 #include "Platform/Exception.h"
 #include "Platform/FileSystem.h"
+#include "support/HostileFiles.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -53,6 +54,19 @@ TEST_F(CWBOMTest, NilArgumentsThrowAndUnopenableInputsYieldNull) {
     testsupport::writeFile(dir / "text", "BOMStore but not really");
     EXPECT_EQ(nullptr, CWBOM::initWithBOMPath(dir / "text"));
     EXPECT_EQ(nullptr, CWBOM::initWithBOMData(platform::Data{}));
+}
+
+// A FIFO planted as a BOM used to block the open for good; a device or socket is no BOM
+// either. Each is refused at once, and a link to a real BOM still opens.
+TEST_F(CWBOMTest, NonRegularFilesAreRefusedWithoutBlocking) {
+    auto planted = testsupport::makeHostileFiles(dir / "planted");
+    ASSERT_GE(planted.size(), 2u);
+    for (const auto& item : planted) {
+        auto refused = testsupport::resultWithin(10, [&] { return CWBOM::initWithBOMPath(item.path) == nullptr; });
+        EXPECT_EQ(refused, true) << item.kind;
+    }
+    ASSERT_EQ(0, symlink(path.c_str(), (dir / "link.bom").c_str()));
+    EXPECT_TRUE(CWBOM::initWithBOMPath(dir / "link.bom"));
 }
 
 TEST_F(CWBOMTest, BytesOpenLikeTheFileAndStayAlive) {

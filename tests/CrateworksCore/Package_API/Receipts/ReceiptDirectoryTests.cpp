@@ -8,6 +8,7 @@
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
 #include "ReceiptTestHelpers.h"
+#include "support/HostileFiles.h"
 #include "support/TempDir.h"
 #include "support/VolumeBuilder.h"
 
@@ -57,6 +58,33 @@ TEST(ReceiptDirectories, ScanOrderSecureFlagAndReceiptExtensions) {
     EXPECT_EQ((std::vector<bool>{true, true, false, false, false}), secure);
     EXPECT_EQ(dir / "private/var/db/receipts/" + ids[0] + ".bom", receipts[0]->bomPath());
     EXPECT_EQ(dir / "Library/Receipts/Old.pkg", receipts[4]->bundlePath());
+}
+
+// Anyone who can write to a volume's receipts folder can plant a FIFO named like a
+// receipt, or put one in place of a receipt's property list. The scan must go on: such a
+// BOM is no BOM, such a property list gives way to the minimal dictionary.
+TEST(ReceiptDirectories, PlantedFIFOsAreRefusedWithoutBlocking) {
+    TempDir dir;
+    VolumeBuilder volume(dir.path());
+    volume.package("com.vendor.library").location(Location::Library);
+    volume.build();
+    std::string receipts = dir / CWReceipt::kLibraryReceiptsDirectory;
+    ASSERT_TRUE(platform::fs::removeItem(receipts + "/com.vendor.library.plist"));
+    ASSERT_TRUE(testsupport::makeHostileFile("fifo", receipts + "/com.vendor.library.plist"));
+    ASSERT_TRUE(testsupport::makeHostileFile("fifo", receipts + "/com.evil.trap.bom"));
+    ASSERT_TRUE(testsupport::makeHostileFile("fifo", receipts + "/com.evil.trap.plist"));
+    ASSERT_TRUE(testsupport::makeHostileFile("socket", receipts + "/com.evil.socket.bom"));
+
+    auto scanned = testsupport::resultWithin(20, [&] {
+        auto found = CWReceipt::receiptsAtPath(receipts);
+        std::map<std::string, std::shared_ptr<CWReceipt>> byIdentifier;
+        for (const auto& receipt : found) byIdentifier[receipt->packageIdentifier().value_or("")] = receipt;
+        auto library = byIdentifier["com.vendor.library"], trap = byIdentifier["com.evil.trap"];
+        // The real BOM still opens behind a planted property list; the planted BOMs do not.
+        return found.size() == 3 && library && library->_BOM() && trap && !trap->_BOM() &&
+               byIdentifier["com.evil.socket"] && !byIdentifier["com.evil.socket"]->_BOM();
+    });
+    EXPECT_EQ(scanned, true);
 }
 
 TEST(ReceiptDirectories, OnlyTheProtectedDirectoryIsSecure) {
