@@ -12,7 +12,6 @@ namespace platform {
 
 namespace {
 
-constexpr int kMaximumRedirects = 16;
 constexpr long kReceiveBufferSize = 256 * 1024;
 
 CURL* handle(void* p) { return static_cast<CURL*>(p); }
@@ -74,6 +73,16 @@ void parseChallenge(const std::string& value, std::string* scheme, std::string* 
 }
 
 }  // namespace
+
+bool URLConnection::redirectAllowed(const URL& from, const URL& to) {
+    const std::string& scheme = to.scheme();
+    if (scheme != "http" && scheme != "https") return false;
+    return !(from.scheme() == "https" && scheme == "http");
+}
+
+bool URLConnection::sameOrigin(const URL& a, const URL& b) {
+    return a.scheme() == b.scheme() && equalsIgnoringCase(a.host(), b.host()) && a.port() == b.port();
+}
 
 std::shared_ptr<URLConnection> URLConnection::initWithRequest(const URLRequest& request,
                                                               URLConnectionDelegate* delegate,
@@ -151,7 +160,8 @@ void URLConnection::_configureHandle() {
     CURL* h = handle(easy_);
     curl_easy_reset(h);
     curl_easy_setopt(h, CURLOPT_URL, current_.url.absoluteString().c_str());
-    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https,file");
+    // Only the scheme of this hop, which was checked before it began.
+    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, current_.url.scheme().c_str());
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     // Redirects are followed here, one hop at a time, so that the delegate sees each one.
     curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
@@ -175,7 +185,7 @@ void URLConnection::_configureHandle() {
         list = curl_slist_append(list, fmt::format("{}: {}", name, value).c_str());
     headerList_ = list;
     curl_easy_setopt(h, CURLOPT_HTTPHEADER, list);
-    if (credential_) {
+    if (credential_ && credentialOrigin_ && sameOrigin(*credentialOrigin_, current_.url)) {
         curl_easy_setopt(h, CURLOPT_USERNAME, credential_->user.c_str());
         curl_easy_setopt(h, CURLOPT_PASSWORD, credential_->password.c_str());
         long method = equalsIgnoringCase(authScheme_, "Digest") ? CURLAUTH_DIGEST : CURLAUTH_BASIC;
@@ -270,8 +280,24 @@ void URLConnection::_followRedirect() {
         _fail(kURLErrorBadServerResponse, "redirect to an invalid location");
         return;
     }
+    if (!redirectAllowed(current_.url, *target)) {
+        bool downgrade = current_.url.scheme() == "https" && target->scheme() == "http";
+        _fail(downgrade ? kURLErrorSecureConnectionFailed : kURLErrorUnsupportedURL,
+              fmt::format("redirect to {} refused", target->absoluteString()));
+        return;
+    }
     URLRequest next = current_;
     next.url = *target;
+    if (!sameOrigin(current_.url, *target)) {
+        // What was given for one origin goes to no other.
+        credential_.reset();
+        credentialOrigin_.reset();
+        authFailures_ = 0;
+        std::erase_if(next.headerFields, [](const auto& field) {
+            return equalsIgnoringCase(field.first, "Authorization") ||
+                   equalsIgnoringCase(field.first, "Proxy-Authorization");
+        });
+    }
     _beginRequest(std::move(next), response_);
 }
 
@@ -311,6 +337,7 @@ void URLConnection::_answerChallenge(URLAuthenticationChallenge::Answer answer,
     pendingChallenge_.reset();
     if (answer == URLAuthenticationChallenge::Answer::UseCredential && credential) {
         credential_ = credential;
+        credentialOrigin_ = current_.url;
         ++authFailures_;
         _startHop();
         return;

@@ -72,6 +72,14 @@ public:
     // The request of the hop being loaded.
     const URLRequest& currentRequest() const { return current_; }
 
+    // Hops a load follows at most before failing with too many redirects.
+    static constexpr int kMaximumRedirects = 16;
+    // Whether a server may send a load from `from` on to `to`: only to http or https (a
+    // remote answer must never reach a local file), and never from https down to http.
+    static bool redirectAllowed(const URL& from, const URL& to);
+    // Same scheme, host and port: where a credential given for one may also go.
+    static bool sameOrigin(const URL& a, const URL& b);
+
     // Internal: the callbacks of the curl handle.
     size_t _headerLine(std::string_view line);
     size_t _bodyBytes(std::span<const uint8_t> bytes);
@@ -105,6 +113,8 @@ private:
     int redirectCount_ = 0;
     int authFailures_ = 0;
     std::optional<URLCredential> credential_;
+    // Where credential_ was given: it is sent nowhere else.
+    std::optional<URL> credentialOrigin_;
     std::string authScheme_;
     std::shared_ptr<URLAuthenticationChallenge> pendingChallenge_;
 

@@ -112,6 +112,7 @@ http {{
         root {0}/html;
         location = /redirect {{ return 302 /files/small.bin; }}
         location = /redirect2 {{ return 302 /redirect; }}
+        location = /to-http {{ return 302 http://127.0.0.1:{1}/files/small.bin; }}
         location = /forbidden {{ return 403; }}
         location = /missing {{ return 404; }}
         location = /broken {{ return 500; }}
@@ -191,6 +192,11 @@ std::string FaultServer::url(const std::string& path) const {
     return fmt::format("http://127.0.0.1:{}{}", port_, path);
 }
 
+void FaultServer::redirect(const std::string& path, const std::string& location) {
+    std::lock_guard lock(mutex_);
+    redirects_[path] = location;
+}
+
 std::vector<std::string> FaultServer::requests() {
     std::lock_guard lock(mutex_);
     return requests_;
@@ -241,6 +247,23 @@ void FaultServer::_serve(int fd) {
             lock.unlock();
             std::this_thread::sleep_for(std::chrono::milliseconds(150 * std::max(0, expected - 1 - arrival)));
         }
+    }
+    std::string location;
+    {
+        std::lock_guard lock(mutex_);
+        if (auto found = redirects_.find(path); found != redirects_.end()) location = found->second;
+    }
+    if (path.starts_with("/auth/") && headerValue(head, "Authorization").empty()) {
+        sendAll(fd, "HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"faults\"\r\n"
+                    "Content-Length: 0\r\nConnection: close\r\n\r\n");
+        finish();
+        return;
+    }
+    if (!location.empty()) {
+        sendAll(fd, fmt::format("HTTP/1.1 302 Found\r\nLocation: {}\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
+                                location));
+        finish();
+        return;
     }
     if (failNow) {
         sendAll(fd, "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");

@@ -20,7 +20,7 @@ int freePort();
 
 // nginx serving `root` on http, and on https with a certificate for "localhost" and
 // 127.0.0.1 from a CA the fixture makes. Locations: /redirect (302 to /files/small.bin),
-// /redirect2 (302 to /redirect), /auth/ (basic authentication, user "crate", password
+// /redirect2 (302 to /redirect), /to-http (on https: 302 to /files/small.bin on http), /auth/ (basic authentication, user "crate", password
 // "works"), /forbidden (403), /missing (404), /broken (500). Files go under root()/files.
 class NginxServer {
 public:
@@ -50,6 +50,8 @@ private:
 //   /flaky/KEY   500 with an empty body for the first request of each KEY, the body afterwards
 //   /reverse/N/KEY  held until N requests for the path have come (5 s at most), then
 //                answered last come first, 150 ms apart
+//   /auth/...    401 with a Basic challenge unless the request carries Authorization
+//   a path given to redirect(): 302 to its location (after /auth/'s check)
 // The body of every path is body(version) of kBodySize bytes.
 class FaultServer {
 public:
@@ -61,6 +63,8 @@ public:
     std::string url(const std::string& path) const;
     // The request heads received so far.
     std::vector<std::string> requests();
+    // Answers `path` with a 302 to `location`, taken as it stands.
+    void redirect(const std::string& path, const std::string& location);
 
 private:
     void _accept();
@@ -73,6 +77,7 @@ private:
     std::vector<std::string> requests_;
     std::map<std::string, int> flakyCounts_;
     std::map<std::string, int> arrivals_;
+    std::map<std::string, std::string> redirects_;
     std::condition_variable arrived_;
     std::vector<int> clients_;
     std::vector<std::thread> threads_;

@@ -7,6 +7,7 @@
 #include "Distribution_Layer/Downloader/CWURLConnection.h"
 #include "Distribution_Layer/Downloader/CWURLDownload.h"
 #include "Platform/FileSystem.h"
+#include "Platform/URLConnection.h"
 #include "Platform/URLErrors.h"
 #include "RecordingDelegate.h"
 #include "TestServers.h"
@@ -123,6 +124,82 @@ TEST_F(URLDownloadTests, RedirectsAreFollowedAndTheHookCanRefuseOne) {
     ASSERT_TRUE(refusing.error);
     EXPECT_EQ(refusing.error->code, platform::kURLErrorCancelled);
     EXPECT_FALSE(platform::fs::exists(dir / "refused"));
+}
+
+// A server chooses where a redirect goes; it must not reach a local file, step down from
+// https to http, or go round for ever.
+TEST_F(URLDownloadTests, RedirectsGoOnlyToHTTPNeverDownFromHTTPSAndNotForEver) {
+    writeFile(dir / "local.txt", "local secret\n");
+    faults.redirect("/to-file", URL::fileURL(dir / "local.txt").absoluteString());
+    RecordingDelegate toFile;
+    fetch(faults.url("/to-file"), dir / "out", toFile);
+    ASSERT_TRUE(toFile.error);
+    EXPECT_EQ(toFile.error->code, platform::kURLErrorUnsupportedURL);
+    EXPECT_FALSE(platform::fs::exists(dir / "out"));
+    platform::Error error;
+    EXPECT_FALSE(load(faults.url("/to-file"), nullptr, &error));
+    EXPECT_EQ(error.code, platform::kURLErrorUnsupportedURL);
+
+    // nginx's https port sends /to-http to its plain port.
+    CWSecureURLDownload::setCertificateAuthorityFile(nginx.caFile());
+    RecordingDelegate down;
+    auto secure = CWSecureURLDownload::initWithURL(*URL::parse(nginx.httpsURL("/to-http")), &down);
+    secure->setDestination(dir / "downgraded", true);
+    down.wait();
+    CWSecureURLDownload::setCertificateAuthorityFile(std::nullopt);
+    ASSERT_TRUE(down.error);
+    EXPECT_EQ(down.error->code, platform::kURLErrorSecureConnectionFailed);
+    EXPECT_FALSE(platform::fs::exists(dir / "downgraded"));
+
+    // The limit itself is followed; one more is not.
+    constexpr int limit = platform::URLConnection::kMaximumRedirects;
+    for (int hop = 1; hop <= limit; ++hop)
+        faults.redirect("/hop/" + std::to_string(hop), hop == limit ? "/landed" : "/hop/" + std::to_string(hop + 1));
+    auto body = load(faults.url("/hop/1"), nullptr, &error);
+    ASSERT_TRUE(body);
+    EXPECT_EQ(body->size(), FaultServer::kBodySize);
+    size_t before = faults.requests().size();
+    faults.redirect("/loop", "/loop");
+    EXPECT_FALSE(load(faults.url("/loop"), nullptr, &error));
+    EXPECT_EQ(error.code, platform::kURLErrorHTTPTooManyRedirects);
+    EXPECT_EQ(faults.requests().size() - before, size_t(limit + 1));
+
+    auto allowed = [](const char* from, const char* to) {
+        return platform::URLConnection::redirectAllowed(*URL::parse(from), *URL::parse(to));
+    };
+    EXPECT_TRUE(allowed("http://a/x", "https://b/y"));
+    EXPECT_TRUE(allowed("https://a/x", "https://b/y"));
+    EXPECT_TRUE(allowed("http://a/x", "http://b/y"));
+    EXPECT_FALSE(allowed("https://a/x", "http://a/x"));
+    EXPECT_FALSE(allowed("http://a/x", "file:///etc/passwd"));
+    EXPECT_FALSE(allowed("http://a/x", "ftp://a/x"));
+}
+
+// A credential answers the origin that asked for it: after a redirect to another port
+// (another origin, though the host is the same) no Authorization header goes out.
+TEST_F(URLDownloadTests, CredentialsAreNotSentToAnotherOriginAfterARedirect) {
+    FaultServer other;
+    writeFile(dir / ".netrc", "machine 127.0.0.1 login crate password works\n");
+    faults.redirect("/auth/away", other.url("/landed"));
+    faults.redirect("/auth/near", "/auth/kept");
+    auto hasAuthorization = [](const std::string& head) { return head.find("\r\nAuthorization:") != std::string::npos; };
+
+    platform::Error error;
+    auto body = load(faults.url("/auth/away"), nullptr, &error);
+    ASSERT_TRUE(body) << error.description();
+    EXPECT_EQ(body->size(), FaultServer::kBodySize);
+    RecordingDelegate download;
+    fetch(faults.url("/auth/away"), dir / "out", download);
+    EXPECT_EQ(download.events.back(), "finish");
+    auto landed = other.requests();
+    ASSERT_EQ(landed.size(), 2u);
+    for (const auto& head : landed) EXPECT_FALSE(hasAuthorization(head)) << head;
+    // It was sent where it belonged, and still goes along within that origin.
+    auto asked = faults.requests();
+    ASSERT_FALSE(asked.empty());
+    EXPECT_TRUE(hasAuthorization(asked.back()));
+    EXPECT_TRUE(load(faults.url("/auth/near"), nullptr, &error)) << error.description();
+    EXPECT_TRUE(hasAuthorization(faults.requests().back()));
 }
 
 TEST_F(URLDownloadTests, HTTPErrorsWriteNothingAndLeaveNoResumeData) {
