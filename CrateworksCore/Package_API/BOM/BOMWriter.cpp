@@ -268,8 +268,9 @@ void BOMWriter::mask(const std::vector<std::string>& patterns) {
     while (!stack.empty()) {
         auto [node, path] = std::move(stack.back());
         stack.pop_back();
+        const char* candidate = path.c_str();
         bool hit = std::any_of(patterns.begin(), patterns.end(),
-                               [&](const std::string& p) { return fnmatch(p.c_str(), path.c_str(), 0) == 0; });
+                               [candidate](const std::string& p) { return fnmatch(p.c_str(), candidate, 0) == 0; });
         if (hit) {
             matched.emplace_back(node, std::move(path));
             continue;

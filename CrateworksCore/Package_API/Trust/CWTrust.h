@@ -88,7 +88,6 @@ private:
     int32_t _trustResult = platform::security::kTrustResultOtherError;
     int32_t _trustLevel = CWTrustLevelNotTrusted;
     std::optional<platform::Date> _signingDate;
-    bool _signingDateIsTrusted = false;
     bool _quarnRootMode = false;
 };
 
