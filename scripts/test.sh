@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole suite twice: a normal build, and one with
 # AddressSanitizer and UndefinedBehaviorSanitizer. Fails when a test fails or none ran.
+# Then builds the fuzz targets with clang and runs each over its seed corpus.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,3 +15,8 @@ run_suite build
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-asan -DFERRYHOLD_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRYHOLD_BENCH=OFF
 echo "test.sh: both suites passed"
+
+# The fuzz targets build with clang and every seed of their corpora runs through them.
+fuzz_start=$SECONDS
+bash scripts/fuzz.sh --replay
+echo "test.sh: fuzz targets built and replayed in $((SECONDS - fuzz_start)) s"
