@@ -15,12 +15,7 @@ std::string run(const std::string& arguments, int* status, bool withStderr = fal
     return testsupport::runCommand(kTool + " " + arguments + (withStderr ? " 2>&1" : " 2>/dev/null"), status);
 }
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
+using testsupport::lines;
 
 TEST(BomCommand, ListPrintsEightTabSeparatedFields) {
     testsupport::TempDir dir;

@@ -35,15 +35,6 @@ for line in open(sys.argv[1], encoding='utf-8'):
                                    shellQuote(key));
 }
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    size_t start = 0;
-    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
-        out.push_back(text.substr(start, nl - start));
-    if (start < text.size()) out.push_back(text.substr(start));
-    return out;
-}
-
 std::string hex(const std::string& bytes) {
     std::string out;
     for (unsigned char c : bytes) out += fmt::format("{:02x}", c);

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "support/TempDir.h"
+
 namespace tooltest {
 
 struct Result {
@@ -25,7 +27,7 @@ std::string binary(const std::string& tool);
 // KEY names the field ("path", "link", "target").
 std::string namesFromJsonLines(const std::string& lines, const std::string& key, const std::string& scratch);
 
-std::vector<std::string> lines(const std::string& text);
+using testsupport::lines;
 std::string hex(const std::string& bytes);
 
 }  // namespace tooltest

@@ -13,13 +13,7 @@ using xartest::shellQuote;
 
 namespace {
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    size_t start = 0;
-    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
-        out.push_back(text.substr(start, nl - start));
-    return out;
-}
+using testsupport::lines;
 
 TEST(XarCommand, ListPrintsOneTabSeparatedLinePerEntryInTocOrder) {
     TempDir tmp;

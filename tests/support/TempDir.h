@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace testsupport {
 
@@ -25,6 +26,8 @@ void writeFile(const std::string& path, const std::string& contents);
 std::string readFile(const std::string& path);
 // One shell word: `s` in single quotes, a quote inside it written '\''.
 std::string shellQuote(const std::string& s);
+// The lines of `text`, without their newlines; a last line without one counts too.
+std::vector<std::string> lines(const std::string& text);
 // Runs a shell command and returns its standard output; `status` receives the exit status.
 std::string runCommand(const std::string& command, int* status = nullptr);
 

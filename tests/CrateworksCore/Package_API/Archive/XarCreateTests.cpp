@@ -33,14 +33,7 @@ namespace {
 
 const std::string kTool = std::string(FERRYHOLD_BINARY_DIR) + "/crateworks";
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    size_t start = 0;
-    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
-        out.push_back(text.substr(start, nl - start));
-    if (start < text.size()) out.push_back(text.substr(start));
-    return out;
-}
+using testsupport::lines;
 
 // A refusal must not wait on what it refuses (a FIFO opened for writing would block).
 std::string create(const std::string& out, const std::string& tree, int* status, const std::string& extra = "") {
