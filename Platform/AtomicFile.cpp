@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/FileDetail.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
 
@@ -14,18 +15,6 @@ namespace platform::fs {
 
 namespace {
 std::atomic<unsigned> gCounter{0};
-
-const char* kindOf(mode_t mode) {
-    switch (mode & S_IFMT) {
-    case S_IFDIR: return "a directory";
-    case S_IFLNK: return "a symbolic link";
-    case S_IFCHR: return "a character device";
-    case S_IFBLK: return "a block device";
-    case S_IFIFO: return "a FIFO";
-    case S_IFSOCK: return "a socket";
-    default: return "not a regular file";
-    }
-}
 
 std::string directoryOf(const std::string& path) {
     std::string dir = path::deletingLastComponent(path);
@@ -41,10 +30,8 @@ std::string temporaryNameFor(const std::string& path) {
 std::optional<Error> AtomicFile::refusalFor(const std::string& path) {
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0 || S_ISREG(st.st_mode)) return std::nullopt;
-    Error error = posixError(S_ISDIR(st.st_mode) ? EISDIR : EEXIST, path);
-    error.userInfo.set(kErrorDescriptionKey,
-                       fmt::format("{}: is {}, not a regular file; it is left as it is", path, kindOf(st.st_mode)));
-    return error;
+    return posixError(S_ISDIR(st.st_mode) ? EISDIR : EEXIST, path,
+                      fmt::format("is {}, not a regular file; it is left as it is", detail::kindOfMode(st.st_mode)));
 }
 
 AtomicFile::AtomicFile(File file, File directory, std::string path, std::string temporaryName)

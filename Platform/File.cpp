@@ -65,7 +65,7 @@ File& File::operator=(File&& other) noexcept {
 
 // The type is the open descriptor's, so that nothing swapped in after a check is read.
 // Regular files never block, so their reads go back to blocking mode.
-static bool checkRegular(int fd, const OpenOptions& options, int* code) {
+static bool checkRegular(int fd, const OpenOptions& options, int* code, std::string* reason) {
     if (!options.regularFile) return true;
     struct stat st {};
     if (fstat(fd, &st) != 0) {
@@ -86,38 +86,34 @@ static bool checkRegular(int fd, const OpenOptions& options, int* code) {
     return true;
 }
 
-std::optional<File> File::open(const std::string& path, const OpenOptions& options, Error* error) {
-    if (path.empty()) {
-        failWith(error, path, ENOENT);
+std::optional<File> File::_openRelative(int directoryFd, const std::string& name, const OpenOptions& options,
+                                        Error* error, std::string shownPath) {
+    if (name.empty()) {
+        failWith(error, shownPath, ENOENT);
         return std::nullopt;
     }
-    int fd = ::open(path.c_str(), openFlags(options), options.mode);
+    int fd = ::openat(directoryFd, name.c_str(), openFlags(options), options.mode);
     if (fd < 0) {
-        failWith(error, path, errno);
+        failWith(error, shownPath, errno);
         return std::nullopt;
     }
-    File file(fd, path);
-    if (int code = 0; !checkRegular(fd, options, &code)) {
-        failWith(error, path, code);
+    File file(fd, std::move(shownPath));
+    int code = 0;
+    std::string reason;
+    if (!checkRegular(fd, options, &code, &reason)) {
+        if (error) *error = reason.empty() ? posixError(code, file.path_) : posixError(code, file.path_, reason);
         return std::nullopt;
     }
     return file;
 }
 
+std::optional<File> File::open(const std::string& path, const OpenOptions& options, Error* error) {
+    return _openRelative(AT_FDCWD, path, options, error, path);
+}
+
 std::optional<File> File::openAt(const File& directory, const std::string& name, const OpenOptions& options,
                                  Error* error, const std::string& displayPath) {
-    std::string shown = joinedPath(directory, name, displayPath);
-    int fd = ::openat(directory.fd_, name.c_str(), openFlags(options), options.mode);
-    if (fd < 0) {
-        failWith(error, shown, errno);
-        return std::nullopt;
-    }
-    File file(fd, shown);
-    if (int code = 0; !checkRegular(fd, options, &code)) {
-        failWith(error, shown, code);
-        return std::nullopt;
-    }
-    return file;
+    return _openRelative(directory.fd_, name, options, error, joinedPath(directory, name, displayPath));
 }
 
 File File::adopt(int descriptor, std::string path) { return File(descriptor, std::move(path)); }

@@ -100,6 +100,9 @@ public:
 
 private:
     File(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
+    // `name` opened relative to `directoryFd` (AT_FDCWD for a path); errors name `shownPath`.
+    static std::optional<File> _openRelative(int directoryFd, const std::string& name, const OpenOptions& options,
+                                             Error* error, std::string shownPath);
     bool _fail(Error* error, int code) const;
 
     int fd_ = -1;

@@ -34,4 +34,17 @@ std::optional<std::string> readLinkAt(int directoryFd, const char* name) {
     }
 }
 
+const char* kindOfMode(mode_t mode) {
+    switch (mode & S_IFMT) {
+    case S_IFREG: return "a regular file";
+    case S_IFDIR: return "a directory";
+    case S_IFLNK: return "a symbolic link";
+    case S_IFCHR: return "a character device";
+    case S_IFBLK: return "a block device";
+    case S_IFIFO: return "a FIFO";
+    case S_IFSOCK: return "a socket";
+    default: return "of an unknown type";
+    }
+}
+
 }  // namespace platform::fs::detail

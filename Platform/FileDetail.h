@@ -18,4 +18,7 @@ Dictionary attributesFromStatx(const struct statx& sx);
 // path), byte for byte, however long; absent with errno set.
 std::optional<std::string> readLinkAt(int directoryFd, const char* name);
 
+// What an item of this mode is, for messages: "a directory", "a FIFO", "a socket", ...
+const char* kindOfMode(mode_t mode);
+
 }  // namespace platform::fs::detail

@@ -27,6 +27,13 @@ Error posixError(int code, const std::string& path) {
     return Error{kPOSIXErrorDomain, code, std::move(info)};
 }
 
+Error posixError(int code, const std::string& path, const std::string& reason) {
+    Error error = posixError(code, path);
+    error.userInfo.set(kFailureReasonKey, reason);
+    error.userInfo.set(kErrorDescriptionKey, path.empty() ? reason : path + ": " + reason);
+    return error;
+}
+
 namespace {
 bool fail(Error* error, const std::string& path, int code = errno) {
     if (error) *error = posixError(code, path);

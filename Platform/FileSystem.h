@@ -108,5 +108,7 @@ std::optional<std::string> groupName(gid_t gid);
 
 // An Error in the POSIX domain for an errno value, with its text as description.
 Error posixError(int code, const std::string& path = {});
+// The same with a reason of our own in place of the errno text: "path: reason".
+Error posixError(int code, const std::string& path, const std::string& reason);
 
 }  // namespace platform::fs

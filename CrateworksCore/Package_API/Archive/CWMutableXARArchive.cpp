@@ -98,10 +98,9 @@ bool CWMutableXARArchive::setContentsOfDirectory(const std::string& directory, c
     auto walk = platform::fs::TreeWalk::open(directory, error);
     if (!walk) return false;
     if (platform::fs::liesWithin(_archivePath, walk->root())) {
-        platform::Error refusal = platform::fs::posixError(EINVAL, _archivePath);
-        refusal.userInfo.set(platform::kErrorDescriptionKey,
-                             fmt::format("{}: lies inside {}, the directory being archived", _archivePath, directory));
-        platform::setError(error, std::move(refusal));
+        platform::setError(error, platform::fs::posixError(
+                                      EINVAL, _archivePath,
+                                      fmt::format("lies inside {}, the directory being archived", directory)));
         return false;
     }
     _writer->setOption("compression", compressed ? "gzip" : "none");

@@ -49,7 +49,6 @@ std::unique_ptr<XarReader> XarReader::open(const std::string& path, platform::Er
 }
 
 std::optional<std::string> XarReader::_read() {
-    if (!file_.isRegularFile()) return "not a regular file";
     platform::Error error;
     auto size = file_.size(&error);
     if (!size) return error.description();

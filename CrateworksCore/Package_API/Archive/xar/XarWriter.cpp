@@ -25,13 +25,6 @@ std::string isoDate(const platform::Value* v) {
     return d ? d->iso8601() : platform::Date{}.iso8601();
 }
 
-platform::Error refusal(const std::string& path, int code, const std::string& why) {
-    platform::Error error = platform::fs::posixError(code, path);
-    error.userInfo.set(platform::kFailureReasonKey, why);
-    error.userInfo.set(platform::kErrorDescriptionKey, path + ": " + why);
-    return error;
-}
-
 bool isStorableName(std::string_view name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
            name.find('\0') == std::string_view::npos;
@@ -79,25 +72,28 @@ File XarWriter::_newEntry(File parent, std::string_view name, std::string type, 
                         : parent         ? parent->path + "/" + std::string(name)
                                          : std::string(name);
     if (!output_) {
-        platform::setError(error, refusal(path_, EBADF, "the archive is closed"));
+        platform::setError(error, platform::fs::posixError(EBADF, path_, "the archive is closed"));
         return nullptr;
     }
     if (!isStorableName(name)) {
-        platform::setError(error, refusal(shown, EINVAL, "a name that is empty, \".\", \"..\" or holds \"/\" cannot be stored"));
+        platform::setError(error, platform::fs::posixError(EINVAL, shown,
+                                                           "a name that is empty, \".\", \"..\" or holds \"/\" "
+                                                           "cannot be stored"));
         return nullptr;
     }
     unsigned depth = parent ? parent->depth + 1 : 1;
     if (depth > kMaxDepth) {
-        platform::setError(error, refusal(shown, ELOOP,
-                                          fmt::format("nests {} levels deep, past the {} levels (kMaxDepth) an "
-                                                      "archive may hold",
-                                                      depth, kMaxDepth)));
+        platform::setError(error, platform::fs::posixError(ELOOP, shown,
+                                                           fmt::format("nests {} levels deep, past the {} levels "
+                                                                       "(kMaxDepth) an archive may hold",
+                                                                       depth, kMaxDepth)));
         return nullptr;
     }
     if (toc_.entries.size() >= kMaxEntryCount) {
-        platform::setError(error, refusal(shown, EFBIG,
-                                          fmt::format("an archive holds at most {} entries (kMaxEntryCount)",
-                                                      kMaxEntryCount)));
+        platform::setError(error, platform::fs::posixError(EFBIG, shown,
+                                                           fmt::format("an archive holds at most {} entries "
+                                                                       "(kMaxEntryCount)",
+                                                                       kMaxEntryCount)));
         return nullptr;
     }
     return toc_.add(parent, name, std::move(type), nextID_++);
@@ -167,7 +163,8 @@ File XarWriter::addFromItem(File parent, std::string_view name, const platform::
         if (!attributes) return nullptr;
         const std::string* openedType = attributes->findString(kFileType);
         if (!openedType || *openedType != kFileTypeRegular) {
-            platform::setError(error, refusal(displayPath, EAGAIN, "changed while it was archived"));
+            platform::setError(error,
+                               platform::fs::posixError(EAGAIN, displayPath, "changed while it was archived"));
             return nullptr;
         }
         type = "file";
@@ -183,7 +180,7 @@ File XarWriter::addFromItem(File parent, std::string_view name, const platform::
                            : *fsType == kFileTypeCharacterSpecial   ? "a character device"
                            : *fsType == kFileTypeBlockSpecial       ? "a block device"
                                                                     : "a FIFO or of another type";
-        platform::setError(error, refusal(displayPath, ENOTSUP,
+        platform::setError(error, platform::fs::posixError(ENOTSUP, displayPath,
                                           fmt::format("is {}; only files, directories and symbolic links can be "
                                                       "archived",
                                                       kind)));
@@ -273,7 +270,7 @@ uint64_t XarWriter::_heapStart() const {
 
 bool XarWriter::close(platform::Error* error) {
     if (!output_) {
-        platform::setError(error, refusal(path_, EBADF, "the archive is closed"));
+        platform::setError(error, platform::fs::posixError(EBADF, path_, "the archive is closed"));
         return false;
     }
     bool ok = _write(error) && output_->commit(error);
@@ -310,10 +307,10 @@ bool XarWriter::_write(platform::Error* error) {
     std::string now = platform::Date::now().iso8601();
     std::string xml = serializeToc(toc_, creationTime_.value_or(now.substr(0, now.size() - 1)));
     if (xml.size() > kMaxUncompressedTOCSize) {
-        platform::setError(error, refusal(path_, EFBIG,
-                                          fmt::format("the TOC would take {} bytes, past the {} (kMaxUncompressedTOCSize) "
-                                                      "an archive may hold",
-                                                      xml.size(), kMaxUncompressedTOCSize)));
+        platform::setError(error, platform::fs::posixError(EFBIG, path_,
+                                                           fmt::format("the TOC would take {} bytes, past the {} "
+                                                                       "(kMaxUncompressedTOCSize) an archive may hold",
+                                                                       xml.size(), kMaxUncompressedTOCSize)));
         return false;
     }
     platform::Data compressed = compressTOC(xml);
@@ -323,7 +320,7 @@ bool XarWriter::_write(platform::Error* error) {
         const Signature& s = toc_.signatures[i];
         auto bytes = signatureMakers_[i] ? signatureMakers_[i](checksum) : std::nullopt;
         if (!bytes || bytes->size() != s.size) {
-            platform::setError(error, refusal(path_, EINVAL, "the signature could not be made"));
+            platform::setError(error, platform::fs::posixError(EINVAL, path_, "the signature could not be made"));
             return false;
         }
         if (!heap_.writeAt(s.offset, *bytes, error)) return false;
