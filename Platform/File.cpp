@@ -65,6 +65,7 @@ File& File::operator=(File&& other) noexcept {
 
 // The type is the open descriptor's, so that nothing swapped in after a check is read.
 // Regular files never block, so their reads go back to blocking mode.
+// A refusal names what was found: "path: is a FIFO, not a regular file".
 static bool checkRegular(int fd, const OpenOptions& options, int* code, std::string* reason) {
     if (!options.regularFile) return true;
     struct stat st {};
@@ -74,6 +75,7 @@ static bool checkRegular(int fd, const OpenOptions& options, int* code, std::str
     }
     if (!S_ISREG(st.st_mode)) {
         *code = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        *reason = std::string("is ") + detail::kindOfMode(st.st_mode) + ", not a regular file";
         return false;
     }
     if (!options.nonBlocking) {

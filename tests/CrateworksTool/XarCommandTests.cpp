@@ -108,3 +108,21 @@ TEST(XarCommand, NotAnArchiveAndWrongCalls) {
 }
 
 }  // namespace
+
+namespace {
+
+// What is found where an archive should be is named, not only refused.
+TEST(XarCommand, SomethingThatIsNotAFileIsNamedForWhatItIs) {
+    TempDir tmp;
+    ASSERT_EQ(0, mkfifo((tmp / "fifo").c_str(), 0644));
+    ASSERT_EQ(0, mkdir((tmp / "dir").c_str(), 0755));
+    int status = -1;
+    std::string out = runTool("xar list " + shellQuote(tmp / "fifo") + " </dev/null", &status);
+    EXPECT_EQ(1, status);
+    EXPECT_EQ("crateworks xar: " + tmp / "fifo" + ": is a FIFO, not a regular file\n", out);
+    out = runTool("xar verify " + shellQuote(tmp / "dir"), &status);
+    EXPECT_EQ(1, status);
+    EXPECT_EQ("crateworks xar: " + tmp / "dir" + ": is a directory, not a regular file\n", out);
+}
+
+}  // namespace
