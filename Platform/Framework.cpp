@@ -18,6 +18,31 @@ std::string libraryDirectory() {
     if (dladdr(reinterpret_cast<void*>(&libraryDirectory), &info) == 0 || !info.dli_fname) return ".";
     return path::deletingLastComponent(info.dli_fname);
 }
+
+bool isDirectory(const std::string& path) {
+    bool directory = false;
+    return fs::exists(path, &directory) && directory;
+}
+
+// Where an installed library finds the bundle: the build names the bundle's installed
+// directory relative to the installed libraries' (so an installed tree can move as a
+// whole) and absolutely.
+#ifndef FERRYHOLD_FRAMEWORK_FROM_LIBDIR
+#define FERRYHOLD_FRAMEWORK_FROM_LIBDIR "../share/ferryhold/Ferryhold.framework"
+#endif
+#ifndef FERRYHOLD_FRAMEWORK_INSTALLED
+#define FERRYHOLD_FRAMEWORK_INSTALLED "/usr/local/share/ferryhold/Ferryhold.framework"
+#endif
+
+std::string defaultBundlePath() {
+    std::string directory = libraryDirectory();
+    // The build tree keeps a copy beside the libraries.
+    std::string beside = path::appendComponent(directory, "Ferryhold.framework");
+    if (isDirectory(beside)) return beside;
+    std::string installed = path::appendComponent(directory, FERRYHOLD_FRAMEWORK_FROM_LIBDIR);
+    if (isDirectory(installed)) return installed;
+    return FERRYHOLD_FRAMEWORK_INSTALLED;
+}
 }  // namespace
 
 std::string bundlePath() {
@@ -26,8 +51,8 @@ std::string bundlePath() {
         if (overridePath) return *overridePath;
     }
     if (const char* env = getenv("FERRYHOLD_FRAMEWORK_PATH"); env && *env) return env;
-    static const std::string beside = path::appendComponent(libraryDirectory(), "Ferryhold.framework");
-    return beside;
+    static const std::string found = defaultBundlePath();
+    return found;
 }
 
 std::string resourcesPath() { return path::appendComponent(bundlePath(), "Resources"); }

@@ -8,8 +8,11 @@
 namespace platform::framework {
 
 // The bundle directory, in this order: the process-wide override, the environment
-// variable FERRYHOLD_FRAMEWORK_PATH, then "Ferryhold.framework" beside the Platform
-// library itself (found with dladdr, never from the running executable).
+// variable FERRYHOLD_FRAMEWORK_PATH, "Ferryhold.framework" beside the Platform library
+// itself (the build tree's copy; the library is found with dladdr, never from the
+// running executable), the installed bundle (share/ferryhold/Ferryhold.framework under
+// the prefix) reached from the library's directory, then the installed bundle at the
+// absolute path the build was configured with.
 std::string bundlePath();
 // Resources/ of the bundle (there is no Contents/ level).
 std::string resourcesPath();

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "Platform/Exception.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Framework.h"
@@ -139,4 +141,20 @@ TEST(Framework, OverrideEnvironmentAndResources) {
     if (const char* env = getenv("FERRYHOLD_FRAMEWORK_PATH")) {
         EXPECT_EQ(env, framework::bundlePath());
     }
+}
+
+TEST(Framework, VariableThenTheBundleBesideTheLibrary) {
+    const char* env = getenv("FERRYHOLD_FRAMEWORK_PATH");
+    std::string saved = env ? env : "";
+    TempDir dir;
+    setenv("FERRYHOLD_FRAMEWORK_PATH", dir.path().c_str(), 1);
+    std::string fromVariable = framework::bundlePath();
+    // Without the variable the library finds the build tree's copy beside itself, not
+    // an installed bundle.
+    unsetenv("FERRYHOLD_FRAMEWORK_PATH");
+    std::string beside = framework::bundlePath();
+    if (!saved.empty()) setenv("FERRYHOLD_FRAMEWORK_PATH", saved.c_str(), 1);
+    EXPECT_EQ(dir.path(), fromVariable);
+    std::error_code error;
+    EXPECT_TRUE(std::filesystem::equivalent(beside, FERRYHOLD_TEST_FRAMEWORK_DIR, error)) << beside;
 }
