@@ -1,4 +1,5 @@
 #include "FerryholdTool/Commands.h"
+#include "FerryholdTool/VolumesCommand.h"
 
 #include <algorithm>
 #include <map>
@@ -126,7 +127,7 @@ Outcome usageCommand(const Invocation& call) {
 Outcome run(const Invocation& call) {
     static const std::map<std::string, Outcome (*)(const Invocation&)> commands{
         {"user-paths", userPathsCommand}, {"children", childrenCommand}, {"incompatible", incompatibleCommand},
-        {"size", sizeCommand},            {"usage", usageCommand},
+        {"size", sizeCommand},            {"usage", usageCommand},                {"volumes", volumesCommand},
     };
     return commands.at(call.command)(call);
 }

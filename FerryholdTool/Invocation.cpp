@@ -80,6 +80,17 @@ std::unique_ptr<CLI::App> makeApp(Invocation& call, std::function<int(const Invo
                  command->add_option("PATH", positionals.rest, "Volume paths")->required();
              });
     addQuery(*app, call, answer, "usage", "The used and free bytes of the volume", [](CLI::App*, Positionals&) {});
+    // volumes reads the machine's mount table (or FERRYHOLD_MOUNTINFO's), not one ROOT.
+    CLI::App* volumes =
+        commandline::addCommand(*app, "volumes", "The volumes an installation may target, grouped by disk");
+    volumes->add_option("--target", call.target, "The release to be installed: reapable sizes and versions judged")
+        ->type_name("VERSION")
+        ->check(commandline::nonEmpty);
+    volumes->add_option("--required-size", call.requiredSize, "Bytes the installation needs")->type_name("BYTES");
+    commandline::onRun(volumes, [&call, answer] {
+        call.command = "volumes";
+        return answer(call);
+    });
     return app;
 }
 

@@ -2,6 +2,7 @@
 // options, as the command line gives them.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,6 +21,8 @@ struct Invocation {
     bool keepSystem = false;             // --keep-system
     bool json = false;                   // --json
     bool listLists = false;              // incompatible --lists
+    std::optional<std::string> target;   // volumes --target
+    std::optional<uint64_t> requiredSize;  // volumes --required-size
 };
 
 // The ferryhold command line. Parsing it fills `call`; the action of the chosen

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <memory>
 #include <mutex>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -77,6 +79,13 @@ const char* fileType(const std::string& path) {
     struct stat st {};
     if (path.empty() || lstat(path.c_str(), &st) != 0) return nullptr;
     return fileTypeForMode(st.st_mode);
+}
+
+std::optional<std::string> resolvedPath(const std::string& path) {
+    if (path.empty()) return std::nullopt;
+    std::unique_ptr<char, decltype(&free)> resolved(realpath(path.c_str(), nullptr), &free);
+    if (!resolved) return std::nullopt;
+    return std::string(resolved.get());
 }
 
 bool isDirectoryNoFollow(const std::string& path) {

@@ -55,6 +55,10 @@ bool exists(const std::string& path, bool* isDirectory = nullptr);
 // Whether the item itself exists (a dangling symbolic link counts).
 bool existsNoFollow(const std::string& path);
 
+// The path with every symbolic link and "." or ".." resolved (realpath); absent when
+// some component does not exist or cannot be read.
+std::optional<std::string> resolvedPath(const std::string& path);
+
 // The names in a directory, one level, hidden names included, in file-system order.
 std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path, Error* error = nullptr);
 

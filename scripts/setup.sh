@@ -14,6 +14,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev python3 clang
   libarchive-tools nginx-light curl
   libcli11-dev nlohmann-json3-dev scdoc
+  libmount-dev libblkid-dev libgtk-4-dev
+  xvfb xauth dbus-daemon at-spi2-core python3-pyatspi xdotool
 )
 missing=()
 for p in "${packages[@]}"; do

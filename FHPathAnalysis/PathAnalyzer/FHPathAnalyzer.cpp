@@ -45,14 +45,6 @@ void filterPaths(std::vector<std::string>& paths, const std::string& filterText)
     std::erase_if(paths, [&](const std::string& p) { return !filter->evaluateWithObject(p); });
 }
 
-std::optional<std::string> installedSystemVersion(const std::string& root) {
-    // Plain concatenation: a root of "/" gives a path beginning with two slashes.
-    auto version = platform::plist::readDictionaryFile(root + "/System/Library/CoreServices/SystemVersion.plist");
-    if (!version) return std::nullopt;
-    if (auto* text = version->findString("ProductVersion")) return *text;
-    return std::nullopt;
-}
-
 bool upgradeFromTamarindOrLater(const std::optional<std::string>& installed, const std::string& target) {
     // A missing installed version counts as older than any release.
     if (!installed) return false;
@@ -77,6 +69,14 @@ std::shared_ptr<FHPathAnalyzer> FHPathAnalyzer::initWithRootPath(const std::opti
     auto analyzer = _initWithRootPath(rootPath, withFallbackFile);
     if (analyzer) table[*rootPath] = analyzer;
     return analyzer;
+}
+
+std::optional<std::string> FHPathAnalyzer::installedSystemVersion(const std::string& rootPath) {
+    // Plain concatenation: a root of "/" gives a path beginning with two slashes.
+    auto version = platform::plist::readDictionaryFile(rootPath + "/System/Library/CoreServices/SystemVersion.plist");
+    if (!version) return std::nullopt;
+    if (auto* text = version->findString("ProductVersion")) return *text;
+    return std::nullopt;
 }
 
 void FHPathAnalyzer::clearSizingCache() {

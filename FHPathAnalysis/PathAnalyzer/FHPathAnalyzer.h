@@ -30,6 +30,9 @@ public:
                                                              const std::optional<std::string>& withFallbackFile);
     // Empties the table; the next request for any root makes a new analyzer.
     static void clearSizingCache();
+    // "ProductVersion" of the SystemVersion.plist of the system installed at `rootPath`,
+    // as the analysis reads it; absent when there is none.
+    static std::optional<std::string> installedSystemVersion(const std::string& rootPath);
 
     ~FHPathAnalyzer();
 
