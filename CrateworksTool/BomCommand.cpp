@@ -6,6 +6,7 @@
 //   that is not UTF-8 also has path_base64 (target_base64) with its exact bytes.
 // crateworks bom make DIR OUT: writes the BOM of the tree under DIR to OUT.
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,7 +24,8 @@
 
 namespace {
 
-using crateworks::bom::BOMEntry;
+using crateworks::bom::BOMEntryView;
+using crateworks::bom::BOMVisit;
 
 const char* typeWord(uint8_t type) {
     switch (type) {
@@ -35,27 +37,40 @@ const char* typeWord(uint8_t type) {
     }
 }
 
-std::string relativePath(const BOMEntry& entry) {
-    return crateworks::CWBOM::_stringByRemovingBomPathPrefix(entry.pathName);
+// Appends `text` as escapedText would print it; names that need no escaping, nearly all,
+// are copied as they are, without a string of their own.
+void appendEscaped(std::string& out, std::string_view text) {
+    bool plain = true;
+    for (char c : text) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte >= 0x7F || c == '\\') {
+            plain = false;
+            break;
+        }
+    }
+    if (plain) out.append(text);
+    else out.append(commandline::escapedText(text));
 }
 
-void printPlain(const BOMEntry& e) {
-    using commandline::escapedText;
-    commandline::outLine(fmt::format("{}\t{}\t{:o}\t{}\t{}\t{}\t{}\t{}", escapedText(relativePath(e)),
-                                     typeWord(e.type), e.mode, e.uid, e.gid, e.size, e.checksum,
-                                     e.linkTarget ? escapedText(*e.linkTarget) : std::string()));
+void printPlain(const BOMEntryView& e, std::string& line) {
+    line.clear();
+    appendEscaped(line, e.relativePath());
+    fmt::format_to(std::back_inserter(line), "\t{}\t{:o}\t{}\t{}\t{}\t{}\t", typeWord(e.type()), e.mode(), e.uid(),
+                   e.gid(), e.size(), e.checksum());
+    if (auto target = e.linkTarget()) appendEscaped(line, *target);
+    commandline::outLine(line);
 }
 
-void printJSON(const BOMEntry& e) {
+void printJSON(const BOMEntryView& e) {
     commandline::Json line;
-    commandline::setName(line, "path", relativePath(e));
-    line["type"] = typeWord(e.type);
-    line["mode"] = fmt::format("{:o}", e.mode);
-    line["uid"] = e.uid;
-    line["gid"] = e.gid;
-    line["size"] = e.size;
-    line["checksum"] = e.checksum;
-    if (e.linkTarget) commandline::setName(line, "target", *e.linkTarget);
+    commandline::setName(line, "path", e.relativePath());
+    line["type"] = typeWord(e.type());
+    line["mode"] = fmt::format("{:o}", e.mode());
+    line["uid"] = e.uid();
+    line["gid"] = e.gid();
+    line["size"] = e.size();
+    line["checksum"] = e.checksum();
+    if (auto target = e.linkTarget()) commandline::setName(line, "target", *target);
     else line["target"] = nullptr;
     commandline::outLine(commandline::jsonLine(line));
 }
@@ -74,16 +89,21 @@ int list(const std::string& file, bool json) {
     } else {
         store = crateworks::bom::BOMStore::openFile(file);
     }
-    auto root = store ? store->rootEntry() : std::nullopt;
-    auto walk = root ? store->newEnumerator(*root) : nullptr;
-    if (!walk) {
+    auto walk = store ? store->enumeratorAtPath(".") : nullptr;
+    if (!walk || !walk->advance()) {  // the root is not listed
         fmt::print(stderr, "crateworks: {}: not a BOM file\n", commandline::escapedText(file));
         return 1;
     }
-    walk->next();  // the root is not listed
-    while (const BOMEntry* entry = walk->next()) {
-        json ? printJSON(*entry) : printPlain(*entry);
-        if (!commandline::StandardOutput::shared().good()) break;  // nobody is reading the rest
+    std::string line;
+    auto status = walk->forEachRemaining([&](const BOMEntryView& entry) {
+        json ? printJSON(entry) : printPlain(entry, line);
+        // Nobody is reading the rest.
+        return commandline::StandardOutput::shared().good() ? BOMVisit::kContinue : BOMVisit::kStop;
+    });
+    if (status == crateworks::bom::BOMWalkStatus::kDamaged) {
+        fmt::print(stderr, "crateworks: {}: the BOM is damaged; the listing stops there\n",
+                   commandline::escapedText(file));
+        return 1;
     }
     return 0;
 }
@@ -94,8 +114,10 @@ int make(const std::string& directory, const std::string& out) {
         fmt::print(stderr, "crateworks: {}: cannot make a BOM of this directory\n", directory);
         return 1;
     }
-    if (!bom->commitData()) {
-        fmt::print(stderr, "crateworks: {}: cannot write the BOM\n", out);
+    platform::Error error;
+    if (!bom->commitData(&error)) {
+        // The error names the file and the reason (a full disk, no permission).
+        fmt::print(stderr, "crateworks: cannot write the BOM: {}\n", error.description());
         return 1;
     }
     return 0;

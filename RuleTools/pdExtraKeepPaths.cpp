@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <set>
 #include <string>
+#include <string_view>
+#include <vector>
 #include <sys/stat.h>
 
 #include "CrateworksCore/Package_API/BOM/BOMStore.h"
@@ -18,20 +20,21 @@
 
 namespace {
 
-using crateworks::bom::BOMEntry;
+using crateworks::bom::BOMEntryView;
+using crateworks::bom::BOMVisit;
 
 // The folders whose files count as configuration, in their stored BOM form.
 constexpr const char* kConfigurationFolders[] = {"./private/etc", "./Library/Preferences"};
 
 // Whether the file on the volume differs from what the BOM says was installed; false
 // when it is gone.
-bool changedSinceInstall(const std::string& file, const BOMEntry& entry) {
+bool changedSinceInstall(const std::string& file, const BOMEntryView& entry) {
     struct stat st {};
     if (lstat(file.c_str(), &st) != 0) return false;
     if (!S_ISREG(st.st_mode)) return true;
-    if ((st.st_mode & 07777) != (entry.mode & 07777)) return true;
+    if ((st.st_mode & 07777) != (entry.mode() & 07777)) return true;
     auto checksum = platform::checksum::ofFile(file);
-    return !checksum || *checksum != entry.checksum;
+    return !checksum || *checksum != entry.checksum();
 }
 
 }  // namespace
@@ -42,21 +45,35 @@ int main(int argc, char** argv) {
         return 0;
     }
     std::string root = argv[1];
+    // The volume root as the front of every file's path ("/a/b" is appended to it).
+    std::string_view front = root;
+    while (!front.empty() && front.back() == '/') front.remove_suffix(1);
     std::set<std::string> changed;
+    std::vector<std::string> found;  // of one BOM, kept only when its walks end cleanly
+    std::string file;
     for (const auto& receipt : crateworks::CWReceipt::_findReceiptsOnVolumeAtPath(root)) {
         auto store = crateworks::bom::BOMStore::openFile(receipt->bomPath());
         if (!store) continue;
-        // Only the configuration folders are walked, not the whole bill of materials.
+        found.clear();
+        bool damaged = false;
+        // Only the configuration folders are read: each is found by descending the BOM's
+        // path tree and walked alone.
         for (const char* folder : kConfigurationFolders) {
-            auto start = store->entryAtPath(folder);
-            auto walk = start ? store->newEnumerator(*start) : nullptr;
-            if (!walk) continue;
-            while (const BOMEntry* entry = walk->next()) {
-                if (entry->type != crateworks::bom::kEntryFile) continue;
-                std::string relative = entry->pathName.substr(1);  // "./a/b" -> "/a/b"
-                if (changedSinceInstall(platform::path::appendComponent(root, relative), *entry)) changed.insert(relative);
-            }
+            auto status = store->forEachAtPath(folder, [&](const BOMEntryView& entry) {
+                if (entry.type() != crateworks::bom::kEntryFile) return BOMVisit::kContinue;
+                std::string_view relative = entry.path().substr(1);  // "./a/b" -> "/a/b"
+                file.assign(front);
+                file.append(relative);
+                if (changedSinceInstall(file, entry)) found.emplace_back(relative);
+                return BOMVisit::kContinue;
+            });
+            damaged = damaged || status == crateworks::bom::BOMWalkStatus::kDamaged;
         }
+        if (damaged) {
+            fprintf(stderr, "pdExtraKeepPaths: %s: the BOM is damaged; it is left out\n", receipt->bomPath().c_str());
+            continue;
+        }
+        for (auto& path : found) changed.insert(std::move(path));
     }
     for (const auto& path : changed) printf("%s\n", path.c_str());
     return 0;

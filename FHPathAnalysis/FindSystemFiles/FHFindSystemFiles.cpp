@@ -283,28 +283,98 @@ FHFindSystemFiles::PathSet membersAndAncestors(const FHFindSystemFiles::PathSet&
 }
 }  // namespace
 
-void FHFindSystemFiles::_coalescePathsWithPathEnumerator(platform::DirectoryEnumerator* enumerator,
+namespace {
+
+// The coalescing of one walk's paths into the system set. Each path arrives in a buffer
+// the caller reuses, so looking it up allocates nothing; only paths that join the set
+// are copied. What the walk changes is logged, so that the changes of a walk that ends
+// at damage in its BOM can be taken back.
+class Coalescing {
+public:
+    using PathSet = FHFindSystemFiles::PathSet;
+
+    Coalescing(PathSet& system, const PathSet* nonSystem, const PathSet* search, const PathSet* searchChildrenOf)
+        : system_(system), nonSystem_(nonSystem), searchChildrenOf_(searchChildrenOf),
+          searchClosure_(search ? membersAndAncestors(*search) : PathSet{}) {}
+
+    // Takes in the absolute path `p`; true when the walk must not descend below it.
+    template <typename IsDirectory> bool add(const std::string& p, IsDirectory&& isDirectory) {
+        if (system_.count(p) || (nonSystem_ && nonSystem_->count(p))) return true;
+        bool prune = false;
+        if (isDirectory()) {
+            if (searchClosure_.count(p)) return false;
+            if (searchChildrenOf_) {
+                size_t slash = p.rfind('/');
+                parent_.assign(p, 0, slash == 0 ? 1 : slash);
+                if (searchChildrenOf_->count(parent_)) return false;
+            }
+            prune = true;
+        }
+        // Its ancestors give way to it.
+        for (size_t slash = p.rfind('/'); slash != std::string::npos && slash > 0; slash = p.rfind('/', slash - 1)) {
+            parent_.assign(p, 0, slash);
+            _erase(parent_);
+        }
+        _erase("/");
+        if (system_.insert(p).second) log_.push_back(Change{p, {}});
+        return prune;
+    }
+
+    // Puts the set back as it was before the walk.
+    void undo() {
+        for (auto it = log_.rbegin(); it != log_.rend(); ++it) {
+            if (it->erased) system_.insert(std::move(it->erased));
+            else system_.erase(it->inserted);
+        }
+        log_.clear();
+    }
+
+private:
+    struct Change {
+        std::string inserted;        // a path the walk added, or
+        PathSet::node_type erased;   // one it took out
+    };
+
+    void _erase(const std::string& p) {
+        if (auto node = system_.extract(p)) log_.push_back(Change{{}, std::move(node)});
+    }
+
+    PathSet& system_;
+    const PathSet* nonSystem_;
+    const PathSet* searchChildrenOf_;
+    const PathSet searchClosure_;
+    std::string parent_;
+    std::vector<Change> log_;
+};
+
+}  // namespace
+
+bool FHFindSystemFiles::_coalescePathsWithPathEnumerator(platform::DirectoryEnumerator* enumerator,
                                                          PathSet& systemSet, const PathSet* nonSystemSet,
                                                          const PathSet* searchSet, const PathSet* searchChildrenOfSet) {
-    if (!enumerator) return;
-    const PathSet searchClosure = searchSet ? membersAndAncestors(*searchSet) : PathSet{};
+    if (!enumerator) return true;
+    Coalescing coalescing(systemSet, nonSystemSet, searchSet, searchChildrenOfSet);
+    std::string p;
+    if (auto* bomWalk = dynamic_cast<crateworks::CWBOMDirectoryEnumerator*>(enumerator)) {
+        auto status = bomWalk->forEachRemaining([&](const crateworks::bom::BOMEntryView& entry) {
+            if (_isCancelled) return crateworks::bom::BOMVisit::kStop;
+            p.assign("/");
+            p.append(entry.relativePath());
+            bool prune = coalescing.add(p, [&entry] { return entry.isDirectory(); });
+            return prune ? crateworks::bom::BOMVisit::kSkipDescendants : crateworks::bom::BOMVisit::kContinue;
+        });
+        if (status != crateworks::bom::BOMWalkStatus::kDamaged) return true;
+        // A BOM damaged part way is not believed at all, as if it had not opened.
+        coalescing.undo();
+        return false;
+    }
     while (!_isCancelled) {
         auto next = enumerator->nextObject();
         if (!next || next->empty()) break;
-        std::string p = path::appendComponent("/", *next);
-
-        if (systemSet.count(p) || (nonSystemSet && nonSystemSet->count(p))) {
-            enumerator->skipDescendents();
-            continue;
-        }
-        if (enumerator->isDirectory()) {
-            if (searchClosure.count(p)) continue;
-            if (searchChildrenOfSet && searchChildrenOfSet->count(path::deletingLastComponent(p))) continue;
-            enumerator->skipDescendents();
-        }
-        for (const auto& parent : path::parentDirectories(p)) systemSet.erase(parent);
-        systemSet.insert(std::move(p));
+        p = path::appendComponent("/", *next);
+        if (coalescing.add(p, [enumerator] { return enumerator->isDirectory(); })) enumerator->skipDescendents();
     }
+    return true;
 }
 
 // ---- Finding ----
@@ -353,7 +423,9 @@ std::optional<FHFindSystemFiles::PathList> FHFindSystemFiles::_findSystemPaths()
         for (const auto& receipt : *_systemReceipts) {
             if (_isCancelled) break;
             auto enumerator = receipt->_directoryEnumerator();
-            _coalescePathsWithPathEnumerator(enumerator.get(), system, &nonSystem, &search, &searchChildrenOf);
+            if (!_coalescePathsWithPathEnumerator(enumerator.get(), system, &nonSystem, &search, &searchChildrenOf))
+                consoleLog("WARNING: the BOM of " + receipt->packageIdentifier().value_or("a receipt") +
+                           " is damaged; none of its paths are taken");
             enumerator.reset();
             receipt->_freeBOM();
         }
@@ -385,7 +457,9 @@ FHFindSystemFiles::PathList FHFindSystemFiles::coalescedPathsForPackageGroup(con
     const PathSet search(searchingPaths.begin(), searchingPaths.end());
     for (const auto& receipt : receipts) {
         auto enumerator = receipt->_directoryEnumerator();
-        _coalescePathsWithPathEnumerator(enumerator.get(), found, nullptr, &search, nullptr);
+        if (!_coalescePathsWithPathEnumerator(enumerator.get(), found, nullptr, &search, nullptr))
+            consoleLog("WARNING: the BOM of " + receipt->packageIdentifier().value_or("a receipt") +
+                       " is damaged; none of its paths are taken");
         enumerator.reset();
         receipt->_freeBOM();
     }

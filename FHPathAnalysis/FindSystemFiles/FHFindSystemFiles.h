@@ -78,7 +78,9 @@ public:
     // (plain prefix test), plus the receipts' storage paths when asked.
     PathList coalescedPathsForPackageGroup(const std::string& group, const PathList& searchingPaths,
                                            bool includingReceiptPaths);
-    void _coalescePathsWithPathEnumerator(platform::DirectoryEnumerator* enumerator, PathSet& usingSystemSet,
+    // Coalesces the walk's paths into the set. False, with the set as it was, when the
+    // walk ended at damage in its BOM.
+    bool _coalescePathsWithPathEnumerator(platform::DirectoryEnumerator* enumerator, PathSet& usingSystemSet,
                                           const PathSet* nonSystemSet, const PathSet* searchSet,
                                           const PathSet* searchChildrenOfSet);
 

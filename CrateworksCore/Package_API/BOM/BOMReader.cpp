@@ -1,9 +1,11 @@
 #include "CrateworksCore/Package_API/BOM/BOMReader.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <limits>
 
+#include "CrateworksCore/Package_API/BOM/BOMCursor.h"
 #include "CrateworksCore/Package_API/BOM/BOMFormat.h"
 
 namespace crateworks::bom {
@@ -55,19 +57,22 @@ BOMReader::BOMReader(std::span<const uint8_t> bytes, std::shared_ptr<const void>
 
 std::shared_ptr<BOMReader> BOMReader::open(std::span<const uint8_t> bytes, std::shared_ptr<const void> owner) {
     std::shared_ptr<BOMReader> reader(new BOMReader(bytes, std::move(owner)));
-    if (!reader->_parse()) return nullptr;
+    if (!reader->_open()) return nullptr;
     return reader;
 }
 
-bool BOMReader::_parse() {
+bool BOMReader::_open() {
     if (bytes_.size() < kHeaderSize || std::memcmp(bytes_.data(), kMagic.data(), kMagic.size()) != 0) return false;
     if (readU32(bytes_.data() + 8) != kVersion || !_readBlockTable()) return false;
     auto paths = _variable(kPaths);
-    std::vector<uint32_t> parentIds;  // filled only for a file not in walk order
-    if (!paths || !_readPaths(*paths, parentIds) || !_readSize64()) return false;
-    if (!ids_.empty() && !_orderByWalk(parentIds)) return false;
-    walkOrder_ = WalkOrder{reinterpret_cast<const char*>(bytes_.data()), walk_};
-    return true;
+    if (!paths) return false;
+    auto header = block(*paths);
+    if (!header || header->size() < kTreeHeaderSize) return false;
+    auto leaf = _firstLeafOf(*paths);
+    if (!leaf) return false;
+    pathsHeader_ = *paths;
+    firstLeaf_ = *leaf;
+    return _readSize64();
 }
 
 bool BOMReader::_readBlockTable() {
@@ -76,6 +81,7 @@ bool BOMReader::_readBlockTable() {
     uint64_t count = readU32(bytes_.data() + offset);
     if (count == 0 || 4 + count * 8 > length) return false;
     blockTable_ = bytes_.subspan(size_t(offset) + 4, size_t(count) * 8);
+    blockCount_ = uint32_t(count);
     return true;
 }
 
@@ -97,46 +103,47 @@ std::optional<uint32_t> BOMReader::_variable(std::string_view name) const {
 }
 
 std::optional<uint32_t> BOMReader::_treeRoot(uint32_t headerBlock) const {
-    auto header = _block(headerBlock);
+    auto header = block(headerBlock);
     if (!header || header->size() < kTreeHeaderSize) return std::nullopt;
     if (std::memcmp(header->data(), kTreeMagic.data(), kTreeMagic.size()) != 0) return std::nullopt;
     if (readU32(header->data() + 4) != kVersion) return std::nullopt;
     return readU32(header->data() + 8);
 }
 
-// A node block's pairs, or absent when the block is missing or too short for its count.
-struct BOMReader::Leaf {
-    bool isLeaf = false;
-    uint32_t forward = 0;
-    std::span<const uint8_t> pairs;
+std::optional<BOMReader::Node> BOMReader::node(uint32_t index) const {
+    auto bytes = block(index);
+    if (!bytes || bytes->size() < kNodeHeaderSize) return std::nullopt;
+    uint16_t isLeaf = readU16(bytes->data()), count = readU16(bytes->data() + 2);
+    if (isLeaf > 1 || kNodeHeaderSize + size_t(count) * 8 > bytes->size()) return std::nullopt;
+    return Node{isLeaf == 1, readU32(bytes->data() + 4), bytes->subspan(kNodeHeaderSize, size_t(count) * 8)};
+}
 
-    static std::optional<Leaf> read(std::optional<std::span<const uint8_t>> block) {
-        if (!block || block->size() < kNodeHeaderSize) return std::nullopt;
-        uint16_t isLeaf = readU16(block->data()), count = readU16(block->data() + 2);
-        if (isLeaf > 1 || kNodeHeaderSize + size_t(count) * 8 > block->size()) return std::nullopt;
-        return Leaf{isLeaf == 1, readU32(block->data() + 4), block->subspan(kNodeHeaderSize, size_t(count) * 8)};
+// Down by the first pair of each branch, at most kMaxTreeDepth levels.
+std::optional<uint32_t> BOMReader::_firstLeafOf(uint32_t headerBlock) const {
+    auto nodeBlock = _treeRoot(headerBlock);
+    if (!nodeBlock) return std::nullopt;
+    for (int depth = 0; depth < kMaxTreeDepth; ++depth) {
+        auto n = node(*nodeBlock);
+        if (!n) return std::nullopt;
+        if (n->isLeaf) return nodeBlock;
+        if (n->pairs.empty()) return std::nullopt;
+        nodeBlock = readU32(n->pairs.data());
     }
-};
+    return std::nullopt;
+}
 
 template <typename Visit>
 bool BOMReader::_walkLeaves(uint32_t headerBlock, Visit&& visit) const {
-    auto nodeBlock = _treeRoot(headerBlock);
-    if (!nodeBlock) return false;
-    std::optional<Leaf> node;
-    for (int depth = 0;; ++depth) {
-        node = Leaf::read(_block(*nodeBlock));
-        if (!node || depth >= kMaxTreeDepth) return false;
-        if (node->isLeaf) break;
-        if (node->pairs.empty()) return false;
-        nodeBlock = readU32(node->pairs.data());
-    }
-    std::vector<bool> seen(blockTable_.size() / 8);
-    for (uint32_t block = *nodeBlock; block != 0; block = node->forward) {
-        node = Leaf::read(_block(block));
-        if (!node || !node->isLeaf || seen[block]) return false;
-        seen[block] = true;
-        for (size_t at = 0; at < node->pairs.size(); at += 8)
-            if (!visit(readU32(node->pairs.data() + at), readU32(node->pairs.data() + at + 4))) return false;
+    auto first = _firstLeafOf(headerBlock);
+    if (!first) return false;
+    std::vector<bool> seen(blockCount_);
+    std::optional<Node> leaf;
+    for (uint32_t at = *first; at != 0; at = leaf->forward) {
+        leaf = node(at);
+        if (!leaf || !leaf->isLeaf || seen[at]) return false;
+        seen[at] = true;
+        for (size_t i = 0; i < leaf->pairs.size(); i += 8)
+            if (!visit(readU32(leaf->pairs.data() + i), readU32(leaf->pairs.data() + i + 4))) return false;
     }
     return true;
 }
@@ -146,11 +153,12 @@ bool BOMReader::_walkLeaves(uint32_t headerBlock, Visit&& visit) const {
 // that, items are placed as they come, with their depths and the ends of their subtrees.
 // From the first item that departs from it on, ids and parents' ids are kept instead
 // (ids_ no longer empty), for _orderByWalk.
-bool BOMReader::_readPaths(uint32_t headerBlock, std::vector<uint32_t>& parentIds) {
+bool BOMReader::_readPaths(std::vector<uint32_t>& parentIds) {
+    const uint32_t headerBlock = pathsHeader_;
     // Every item needs a value block of its own, so more items than blocks means a loop;
     // the tree header's count is believed only as far as the block table bears it out.
-    const size_t maxItems = blockTable_.size() / 8;
-    if (auto header = _block(headerBlock); header && header->size() >= kTreeHeaderSize) {
+    const size_t maxItems = blockCount_;
+    if (auto header = block(headerBlock); header && header->size() >= kTreeHeaderSize) {
         size_t expected = std::min<size_t>(readU32(header->data() + 16), maxItems / 2);
         walk_.reserve(expected);
         infoBlocks_.reserve(expected);
@@ -184,10 +192,10 @@ bool BOMReader::_readPaths(uint32_t headerBlock, std::vector<uint32_t>& parentId
     };
     bool read = _walkLeaves(headerBlock, [&](uint32_t valueBlock, uint32_t keyBlock) {
         if (walk_.size() >= maxItems) return false;
-        auto value = _block(valueBlock), key = _block(keyBlock);
+        auto value = block(valueBlock), key = block(keyBlock);
         if (!value || value->size() < 8 || !key || key->size() < 5) return false;
         uint32_t id = readU32(value->data()), parentId = readU32(key->data()), infoBlock = readU32(value->data() + 4);
-        auto info = _block(infoBlock);
+        auto info = block(infoBlock);
         if (!info || info->size() < kInfoFixedSize) return false;
         // The name runs to its NUL, which must lie inside the block.
         const char* name = reinterpret_cast<const char*>(key->data()) + 4;
@@ -221,8 +229,8 @@ bool BOMReader::_readSize64() {
     auto header = _variable(kSize64);
     if (!header) return true;
     bool ok = _walkLeaves(*header, [this](uint32_t valueBlock, uint32_t keyBlock) {
-        auto value = _block(valueBlock), key = _block(keyBlock);
-        if (!value || value->size() < 8 || !key || key->size() < 4 || sizes64_.size() >= blockTable_.size() / 8)
+        auto value = block(valueBlock), key = block(keyBlock);
+        if (!value || value->size() < 8 || !key || key->size() < 4 || sizes64_.size() >= blockCount_)
             return false;
         sizes64_.emplace_back(readU32(key->data()), readU64(value->data()));
         return true;
@@ -331,55 +339,90 @@ void BOMReader::_buildChildren() const {
                   [this](NodeIndex a, NodeIndex b) { return name(a) < name(b); });
 }
 
+const WalkOrder* BOMReader::index() const {
+    std::call_once(indexOnce_, [this] {
+        auto* self = const_cast<BOMReader*>(this);
+        self->indexGood_ = self->_buildIndex();
+        indexBuilt_.store(true, std::memory_order_release);
+    });
+    return indexGood_ ? &walkOrder_ : nullptr;
+}
+
+bool BOMReader::_buildIndex() {
+    std::vector<uint32_t> parentIds;  // filled only for a file not in walk order
+    if (!_readPaths(parentIds)) return false;
+    if (!ids_.empty() && !_orderByWalk(parentIds)) return false;
+    walkOrder_ = WalkOrder{reinterpret_cast<const char*>(bytes_.data()), walk_};
+    return true;
+}
+
+std::optional<NodeIndex> BOMReader::root() const {
+    return index() ? std::optional<NodeIndex>(0) : std::nullopt;
+}
+
 std::span<const NodeIndex> BOMReader::children(NodeIndex node) const {
+    if (!index()) return {};
     std::call_once(childrenOnce_, [this] { _buildChildren(); });
     return {children_.data() + childStart_[node], childStart_[node + 1] - childStart_[node]};
 }
 
 std::optional<NodeIndex> BOMReader::parent(NodeIndex node) const {
+    if (!index()) return std::nullopt;
     std::call_once(parentsOnce_, [this] { _buildParents(); });
     return parents_[node] == kNone ? std::nullopt : std::optional(parents_[node]);
 }
 
 std::optional<NodeIndex> BOMReader::child(NodeIndex node, std::string_view childName) const {
+    if (!index()) return std::nullopt;
     std::call_once(childrenOnce_, [this] { _buildChildren(); });
     auto first = sortedChildren_.begin() + childStart_[node], last = sortedChildren_.begin() + childStart_[node + 1];
     auto it = std::lower_bound(first, last, childName, [this](NodeIndex a, std::string_view n) { return name(a) < n; });
     return it != last && name(*it) == childName ? std::optional(*it) : std::nullopt;
 }
 
-uint64_t BOMReader::_size(NodeIndex node, uint32_t storedSize) const {
+uint64_t BOMReader::sizeOf(uint32_t id, uint32_t storedSize) const {
     if (sizes64_.empty()) return storedSize;
-    uint32_t id = _id(node);
     auto it = std::lower_bound(sizes64_.begin(), sizes64_.end(), std::pair(id, uint64_t(0)));
     return it != sizes64_.end() && it->first == id ? it->second : storedSize;
 }
 
 void BOMReader::fill(NodeIndex node, BOMEntry& entry) const {
-    auto info = *_block(infoBlocks_[node]);  // checked at open
-    const uint8_t* p = info.data();
-    entry.type = p[0];
-    entry.architecture = readU16(p + 2);
-    entry.mode = readU16(p + 4);
-    entry.uid = readU32(p + 6);
-    entry.gid = readU32(p + 10);
-    entry.modificationTime = readU32(p + 14);
-    entry.size = _size(node, readU32(p + 18));
-    entry.checksum = readU32(p + 23);
-    uint32_t linkLength = readU32(p + 27);
-    if (linkLength > 0 && kInfoFixedSize + uint64_t(linkLength) <= info.size()) {
-        const char* link = reinterpret_cast<const char*>(p + kInfoFixedSize);
-        entry.linkTarget.emplace(link, strnlen(link, linkLength));
-    } else {
-        entry.linkTarget.reset();
-    }
-    entry.shortName.assign(name(node));
+    auto info = *block(infoBlocks_[node]);  // checked by the index
+    std::string path = std::move(entry.pathName);
+    entry = BOMEntryView(this, info, idOfNode(node), name(node), {}).toEntry();
+    entry.pathName = std::move(path);
+}
+
+uint32_t BOMReader::count() const {
+    std::call_once(countOnce_, [this] {
+        if (hasIndex()) {
+            count_ = uint32_t(walk_.size());
+            return;
+        }
+        // The leaves' counts, each leaf at most once.
+        uint64_t total = 0;
+        uint32_t leaves = 0;
+        std::optional<Node> leaf;
+        for (uint32_t at = firstLeaf_; at != 0; at = leaf->forward) {
+            leaf = node(at);
+            if (!leaf || !leaf->isLeaf || ++leaves > blockCount_) return;
+            total += leaf->count();
+        }
+        count_ = uint32_t(std::min<uint64_t>(total, std::numeric_limits<uint32_t>::max()));
+    });
+    return count_;
 }
 
 uint64_t BOMReader::bytesRepresented() const {
     std::call_once(bytesOnce_, [this] {
-        for (NodeIndex node = 0; node < walk_.size(); ++node)
-            bytesRepresented_ += _size(node, readU32(_block(infoBlocks_[node])->data() + 18));
+        auto walk = BOMCursor::atPath(shared_from_this(), ".");
+        if (!walk) return;
+        uint64_t total = 0;
+        auto status = walk->forEachRemaining([&total](const BOMEntryView& entry) {
+            total += entry.size();
+            return BOMVisit::kContinue;
+        });
+        if (status == BOMWalkStatus::kComplete) bytesRepresented_ = total;
     });
     return bytesRepresented_;
 }

@@ -1,6 +1,10 @@
 #include "CrateworksCore/Package_API/BOM/BOMStore.h"
 
+#include <cerrno>
+
+#include "CrateworksCore/Package_API/BOM/BOMCursor.h"
 #include "CrateworksCore/Package_API/BOM/BOMReader.h"
+#include "CrateworksCore/Package_API/BOM/BOMTreeEnumerator.h"
 #include "CrateworksCore/Package_API/BOM/BOMWriter.h"
 #include "Platform/FileSystem.h"
 #include "Platform/MappedFile.h"
@@ -8,65 +12,22 @@
 
 namespace crateworks::bom {
 
-BOMEnumerator::BOMEnumerator(std::shared_ptr<const BOMTree> tree, NodeIndex start, std::string startPath)
-    : tree_(std::move(tree)), walkOrder_(tree_->walkOrder()), last_(start) {
-    entry_.pathName = std::move(startPath);
-    if (walkOrder_) {
-        stop_ = walkOrder_->nodes[start].end;
-        startDepth_ = walkOrder_->nodes[start].depth;
-        pathLengths_.push_back(entry_.pathName.size());
-    }
-}
-
-bool BOMEnumerator::_advance() {
-    if (!last_) return false;
-    decoded_ = false;
-    if (!started_) {
-        started_ = true;
-        return true;
-    }
-    std::string& path = entry_.pathName;
-    if (!skip_ && !tree_->children(*last_).empty()) stack_.push_back(Frame{*last_, 0, path.size()});
-    skip_ = false;
-    while (!stack_.empty()) {
-        Frame& frame = stack_.back();
-        auto kids = tree_->children(frame.directory);
-        if (frame.nextChild < kids.size()) {
-            NodeIndex child = kids[frame.nextChild++];
-            std::string_view name = tree_->name(child);
-            _setPath(frame.pathLength, name.data(), name.size());
-            last_ = child;
-            return true;
-        }
-        stack_.pop_back();
-    }
-    last_.reset();
-    return false;
-}
-
-const BOMEntry& BOMEnumerator::entry() {
-    if (!decoded_ && last_) {
-        tree_->fill(*last_, entry_);
-        decoded_ = true;
-    }
-    return entry_;
-}
-
-BOMStore::BOMStore(std::shared_ptr<const BOMTree> tree, std::shared_ptr<BOMWriter> writer, std::string path)
-    : tree_(std::move(tree)), writer_(std::move(writer)), path_(std::move(path)) {}
+BOMStore::BOMStore(std::shared_ptr<const BOMTree> tree, std::shared_ptr<const BOMReader> reader,
+                   std::shared_ptr<BOMWriter> writer, std::string path)
+    : tree_(std::move(tree)), reader_(std::move(reader)), writer_(std::move(writer)), path_(std::move(path)) {}
 
 std::shared_ptr<BOMStore> BOMStore::openFile(const std::string& path) {
     auto file = platform::MappedFile::open(path);
     if (!file) return nullptr;
     auto reader = BOMReader::open(file->bytes(), file);
     if (!reader) return nullptr;
-    return std::shared_ptr<BOMStore>(new BOMStore(reader, nullptr, path));
+    return std::shared_ptr<BOMStore>(new BOMStore(reader, reader, nullptr, path));
 }
 
 std::shared_ptr<BOMStore> BOMStore::openBytes(std::span<const uint8_t> bytes) {
     auto reader = BOMReader::open(bytes, nullptr);
     if (!reader) return nullptr;
-    return std::shared_ptr<BOMStore>(new BOMStore(reader, nullptr, {}));
+    return std::shared_ptr<BOMStore>(new BOMStore(reader, reader, nullptr, {}));
 }
 
 std::shared_ptr<BOMStore> BOMStore::newBOM(const std::string& path) {
@@ -75,7 +36,7 @@ std::shared_ptr<BOMStore> BOMStore::newBOM(const std::string& path) {
     if (path.empty() || !platform::fs::exists(directory.empty() ? "." : directory, &isDirectory) || !isDirectory)
         return nullptr;
     auto writer = std::make_shared<BOMWriter>();
-    return std::shared_ptr<BOMStore>(new BOMStore(writer, writer, path));
+    return std::shared_ptr<BOMStore>(new BOMStore(writer, nullptr, writer, path));
 }
 
 std::shared_ptr<BOMStore> BOMStore::newFromDirectory(const std::string& path, const std::string& directory,
@@ -88,6 +49,11 @@ std::shared_ptr<BOMStore> BOMStore::newFromDirectory(const std::string& path, co
 std::optional<BOMEntry> BOMStore::rootEntry() const { return entryAtPath("."); }
 
 std::optional<BOMEntry> BOMStore::entryAtPath(std::string_view path) const {
+    if (reader_) {
+        auto walk = BOMCursor::atPath(reader_, path);
+        if (!walk || !walk->advance()) return std::nullopt;
+        return walk->view().toEntry();
+    }
     auto node = tree_->find(path);
     if (!node) return std::nullopt;
     BOMEntry entry;
@@ -96,7 +62,10 @@ std::optional<BOMEntry> BOMStore::entryAtPath(std::string_view path) const {
     return entry;
 }
 
-bool BOMStore::entryExists(std::string_view path) const { return tree_->find(path).has_value(); }
+bool BOMStore::entryExists(std::string_view path) const {
+    if (reader_) return BOMCursor::atPath(reader_, path) != nullptr;
+    return tree_->find(path).has_value();
+}
 
 bool BOMStore::insertEntry(const BOMEntry& entry, bool replace) { return writer_ && writer_->insert(entry, replace); }
 
@@ -105,9 +74,26 @@ uint32_t BOMStore::entryCount() const { return tree_->count(); }
 uint64_t BOMStore::bytesRepresented() const { return tree_->bytesRepresented(); }
 
 std::unique_ptr<BOMEnumerator> BOMStore::newEnumerator(const BOMEntry& start) const {
-    auto node = tree_->find(start.pathName);
+    return enumeratorAtPath(start.pathName);
+}
+
+std::unique_ptr<BOMEnumerator> BOMStore::enumeratorAtPath(std::string_view path) const {
+    if (reader_) return BOMCursor::atPath(reader_, path);
+    auto node = tree_->find(path);
     if (!node) return nullptr;
-    return std::make_unique<BOMEnumerator>(tree_, *node, tree_->pathOf(*node));
+    return std::make_unique<BOMTreeEnumerator>(tree_, *node, tree_->pathOf(*node));
+}
+
+std::optional<BOMWalkStatus> BOMStore::walk(std::string_view path, BOMVisitor& visitor) const {
+    if (reader_) {
+        bool damaged = false;
+        auto cursor = BOMCursor::atPath(reader_, path, &damaged);
+        if (!cursor) return damaged ? std::optional(BOMWalkStatus::kDamaged) : std::nullopt;
+        return cursor->visitRemaining(visitor);
+    }
+    auto enumerator = enumeratorAtPath(path);
+    if (!enumerator) return std::nullopt;
+    return enumerator->visitRemaining(visitor);
 }
 
 bool BOMStore::mask(const BOMPatternList& patterns) {
@@ -116,10 +102,14 @@ bool BOMStore::mask(const BOMPatternList& patterns) {
     return true;
 }
 
-bool BOMStore::commit() {
+bool BOMStore::commit(platform::Error* error) {
     if (!writer_) return false;
     auto bytes = writer_->serialize();
-    return bytes && platform::fs::writeFileAtomically(path_, *bytes);
+    if (!bytes) {
+        if (error) *error = platform::fs::posixError(EINVAL, path_, "the BOM cannot be laid out");
+        return false;
+    }
+    return platform::fs::writeFileAtomically(path_, *bytes, error);
 }
 
 }  // namespace crateworks::bom

@@ -63,12 +63,15 @@ std::shared_ptr<CWBOMDirectoryEnumerator> CWBOM::directoryEnumerator() {
 
 std::optional<std::vector<std::string>> CWBOM::subpathsOfDirectoryAtPath(const std::string& path) const {
     if (!_bomHandle) return std::nullopt;
-    auto entry = _bomHandle->entryAtPath(_stringByInsertingBomPathPrefix(path));
-    if (!entry) return std::nullopt;
-    auto walk = _bomHandle->newEnumerator(*entry);
+    auto walk = _bomHandle->enumeratorAtPath(_stringByInsertingBomPathPrefix(path));
+    if (!walk) return std::nullopt;
     std::vector<std::string> paths;
-    if (!walk) return paths;
-    while (const bom::BOMEntry* next = walk->next()) paths.push_back(_stringByRemovingBomPathPrefix(next->pathName));
+    auto status = walk->forEachRemaining([&paths](const bom::BOMEntryView& entry) {
+        paths.emplace_back(entry.path() == "." ? std::string_view(".") : entry.relativePath());
+        return bom::BOMVisit::kContinue;
+    });
+    // A list cut short by damage is not the directory's.
+    if (status == bom::BOMWalkStatus::kDamaged) return std::nullopt;
     return paths;
 }
 

@@ -4,10 +4,8 @@ namespace crateworks {
 
 std::shared_ptr<CWBOMDirectoryEnumerator> CWBOMDirectoryEnumerator::initWithBOM(std::shared_ptr<CWBOM> bom) {
     if (!bom || !bom->bomHandle()) return nullptr;
-    auto root = bom->bomHandle()->rootEntry();
-    if (!root) return nullptr;
     std::shared_ptr<CWBOMDirectoryEnumerator> enumerator(new CWBOMDirectoryEnumerator());
-    enumerator->_be = bom->bomHandle()->newEnumerator(*root);
+    enumerator->_be = bom->bomHandle()->enumeratorAtPath(".");
     if (!enumerator->_be) return nullptr;
     enumerator->_cwBom = std::move(bom);
     // The first entry is the root itself, which is held but never reported.
@@ -18,22 +16,26 @@ std::shared_ptr<CWBOMDirectoryEnumerator> CWBOMDirectoryEnumerator::initWithBOM(
 std::optional<std::string> CWBOMDirectoryEnumerator::nextObject() {
     _hasCurrent = _be->advance();
     if (!_hasCurrent) return std::nullopt;
-    return CWBOM::_stringByRemovingBomPathPrefix(_be->path());
+    return CWBOM::_stringByRemovingBomPathPrefix(std::string(_be->path()));
 }
 
-const bom::BOMEntry* CWBOMDirectoryEnumerator::_currentFSO() { return _hasCurrent ? &_be->entry() : nullptr; }
+const bom::BOMEntryView* CWBOMDirectoryEnumerator::_currentFSO() const { return _hasCurrent ? &_be->view() : nullptr; }
 
 void CWBOMDirectoryEnumerator::skipDescendents() { _be->skipDescendants(); }
 
 bool CWBOMDirectoryEnumerator::isDirectory() {
-    const bom::BOMEntry* current = _currentFSO();
-    return current && current->type == bom::kEntryDirectory;
+    const bom::BOMEntryView* current = _currentFSO();
+    return current && current->isDirectory();
 }
 
 std::optional<platform::Dictionary> CWBOMDirectoryEnumerator::fileAttributes() {
-    const bom::BOMEntry* current = _currentFSO();
-    if (!current) return std::nullopt;
-    return CWBOM::_attributesOfBOMEntry(*current);
+    if (!_currentFSO()) return std::nullopt;
+    return CWBOM::_attributesOfBOMEntry(_be->entry());
+}
+
+bom::BOMWalkStatus CWBOMDirectoryEnumerator::visitRemaining(bom::BOMVisitor& visitor) {
+    _hasCurrent = false;
+    return _be->visitRemaining(visitor);
 }
 
 }  // namespace crateworks

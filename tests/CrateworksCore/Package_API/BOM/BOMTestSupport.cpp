@@ -201,7 +201,12 @@ uint32_t BOMBytes::appendBlock(const std::vector<uint8_t>& block) {
 }
 
 std::shared_ptr<crateworks::CWBOM> BOMBytes::open() const {
-    return crateworks::CWBOM::initWithBOMData(platform::Data(bytes.begin(), bytes.end()));
+    auto bom = crateworks::CWBOM::initWithBOMData(platform::Data(bytes.begin(), bytes.end()));
+    auto walk = bom ? bom->directoryEnumerator() : nullptr;
+    if (!walk) return nullptr;
+    while (walk->nextObject()) {
+    }
+    return walk->damaged() ? nullptr : bom;
 }
 
 }  // namespace bomtest

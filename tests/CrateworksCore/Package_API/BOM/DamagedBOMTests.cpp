@@ -1,5 +1,6 @@
-// Damaged and hostile BOM files: each is refused at open (or walks to a clean end),
-// never crashes, loops or reads outside its bytes (the sanitizer build checks the last).
+// Damaged and hostile BOM files: each is refused at open or by the walk that reaches the
+// damage (or walks to a clean end), never crashes, loops or reads outside its bytes (the
+// sanitizer build checks the last).
 #include <gtest/gtest.h>
 
 #include "BOMTestSupport.h"

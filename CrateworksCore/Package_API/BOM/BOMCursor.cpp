@@ -1,0 +1,299 @@
+#include "CrateworksCore/Package_API/BOM/BOMCursor.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "CrateworksCore/Package_API/BOM/BOMFormat.h"
+
+namespace crateworks::bom {
+
+using format::readU32;
+
+std::unique_ptr<BOMCursor> BOMCursor::atPath(std::shared_ptr<const BOMReader> reader, std::string_view path,
+                                             bool* damaged) {
+    if (damaged) *damaged = false;
+    if (!reader || (path != "." && path.substr(0, 2) != "./")) return nullptr;
+    std::unique_ptr<BOMCursor> cursor(new BOMCursor(std::move(reader)));
+    Found found = cursor->reader_->hasIndex() ? Found::departs : cursor->_descend(path);
+    if (found == Found::departs) {
+        cursor->stack_.clear();
+        found = cursor->_startIndexed(path) ? Found::yes : cursor->damaged_ ? Found::damaged : Found::no;
+    }
+    if (found == Found::damaged && damaged) *damaged = true;
+    return found == Found::yes ? std::move(cursor) : nullptr;
+}
+
+bool BOMCursor::_enterLeaf(uint32_t block) {
+    auto leaf = reader_->node(block);
+    // Every leaf is entered once: more leaves than blocks means they loop.
+    if (!leaf || !leaf->isLeaf || ++leavesEntered_ > reader_->blockCount()) return false;
+    pairs_ = leaf->pairs.data();
+    pairCount_ = leaf->count();
+    pairIndex_ = 0;
+    forward_ = leaf->forward;
+    return true;
+}
+
+BOMCursor::Read BOMCursor::_read(Item& item) {
+    while (pairIndex_ >= pairCount_) {
+        if (forward_ == 0) return Read::end;
+        if (!_enterLeaf(forward_)) return Read::damaged;
+    }
+    const uint8_t* pair = pairs_ + size_t(pairIndex_) * 8;
+    auto value = reader_->block(readU32(pair));
+    item.keyBlock = readU32(pair + 4);
+    auto key = reader_->block(item.keyBlock);
+    if (!value || value->size() < 8 || !key || key->size() < 5) return Read::damaged;
+    item.id = readU32(value->data());
+    item.infoBlock = readU32(value->data() + 4);
+    item.parent = readU32(key->data());
+    if (item.id != uint64_t(lastId_) + 1 || item.parent >= item.id) return Read::departs;
+    ++pairIndex_;
+    lastId_ = item.id;
+    return Read::item;
+}
+
+// Whether the rest of the current leaf lies inside the subtree of `skipFrom`, of which
+// every item read since it is a part. In the writer's layout a subtree is one run of
+// items, so it is enough that the leaf's last item is inside: its chain of directories
+// reaches an item already read (inside when its id is not below skipFrom) through items
+// of this same leaf.
+bool BOMCursor::_skipLeaves(uint32_t skipFrom) {
+    for (;;) {
+        while (pairIndex_ >= pairCount_) {
+            if (forward_ == 0) return true;
+            if (!_enterLeaf(forward_)) return false;
+        }
+        const uint32_t remaining = pairCount_ - pairIndex_;
+        auto idAt = [&](uint32_t index, uint32_t* parent) -> std::optional<uint32_t> {
+            const uint8_t* pair = pairs_ + size_t(index) * 8;
+            auto value = reader_->block(readU32(pair));
+            auto key = reader_->block(readU32(pair + 4));
+            if (!value || value->size() < 8 || !key || key->size() < 5) return std::nullopt;
+            *parent = readU32(key->data());
+            return readU32(value->data());
+        };
+        uint32_t parent = 0;
+        uint32_t item = lastId_ + remaining;
+        auto id = idAt(pairCount_ - 1, &parent);
+        if (!id || *id != item) return true;  // read item by item
+        bool inside = false;
+        for (;;) {
+            if (parent < skipFrom || parent >= item) break;
+            if (parent <= lastId_) {
+                inside = true;
+                break;
+            }
+            uint32_t index = pairIndex_ + (parent - lastId_ - 1);
+            item = parent;
+            id = idAt(index, &parent);
+            if (!id || *id != item) break;
+        }
+        if (!inside) return true;
+        lastId_ += remaining;
+        pairIndex_ = pairCount_;
+    }
+}
+
+std::string_view BOMCursor::_name(uint32_t keyBlock, bool root) const {
+    auto key = *reader_->block(keyBlock);  // checked by _read
+    const char* name = reinterpret_cast<const char*>(key.data()) + 4;
+    const char* end = static_cast<const char*>(std::memchr(name, 0, key.size() - 4));
+    if (!end) return {};
+    std::string_view n(name, size_t(end - name));
+    if (root) return n == "." ? n : std::string_view();
+    if (n.empty() || n == "." || n == ".." || n.find('/') != std::string_view::npos) return {};
+    return n;
+}
+
+bool BOMCursor::_place(const Item& item, size_t level) {
+    bool root = item.parent == 0;
+    std::string_view name = _name(item.keyBlock, root);
+    auto info = reader_->block(item.infoBlock);
+    if (name.empty() || !info || info->size() < format::kInfoFixedSize) return false;
+    if (root) {
+        path_ = ".";
+        stack_.assign(1, Frame{item.id, 1});
+    } else {
+        stack_.resize(level + 1);
+        path_.resize(stack_[level].pathLength);
+        path_ += '/';
+        path_ += name;
+        stack_.push_back(Frame{item.id, uint32_t(path_.size())});
+    }
+    view_ = BOMEntryView(reader_.get(), *info, item.id, name, path_);
+    return true;
+}
+
+BOMCursor::Found BOMCursor::_descend(std::string_view path) {
+    if (!_enterLeaf(reader_->firstLeaf())) return Found::damaged;
+    Item item{};
+    switch (_read(item)) {
+    case Read::item: break;
+    case Read::end: return Found::damaged;  // no root
+    case Read::departs: return Found::departs;
+    case Read::damaged: return Found::damaged;
+    }
+    if (item.parent != 0) return Found::departs;
+    if (!_place(item, 0)) return Found::damaged;
+    path.remove_prefix(std::min<size_t>(path.size(), 2));
+    while (!path.empty()) {
+        size_t slash = path.find('/');
+        std::string_view component = path.substr(0, slash);
+        path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+        if (component.empty()) continue;
+        const size_t parentLevel = stack_.size() - 1;
+        const uint32_t parent = stack_.back().id;
+        uint32_t skipFrom = 0;
+        bool freshSkip = false;
+        for (;;) {
+            if (skipFrom && (freshSkip || pairIndex_ == 0 || pairIndex_ >= pairCount_)) {
+                if (!_skipLeaves(skipFrom)) return Found::damaged;
+                freshSkip = false;
+            }
+            switch (_read(item)) {
+            case Read::item: break;
+            case Read::end: return Found::no;
+            case Read::departs: return Found::departs;
+            case Read::damaged: return Found::damaged;
+            }
+            if (item.parent == parent) {
+                std::string_view name = _name(item.keyBlock, false);
+                if (name.empty()) return Found::damaged;
+                if (name == component) {
+                    if (!_place(item, parentLevel)) return Found::damaged;
+                    break;
+                }
+                skipFrom = item.id;
+                freshSkip = true;
+                continue;
+            }
+            if (skipFrom && item.parent >= skipFrom) continue;
+            // Past the directory's contents: it has no such child.
+            for (size_t level = 0; level < parentLevel; ++level)
+                if (stack_[level].id == item.parent) return Found::no;
+            return Found::departs;
+        }
+    }
+    startLevel_ = stack_.size() - 1;
+    return Found::yes;
+}
+
+bool BOMCursor::_startIndexed(std::string_view path) {
+    order_ = reader_->index();
+    if (!order_) {
+        damaged_ = true;
+        return false;
+    }
+    auto node = reader_->find(path);
+    if (!node) return false;
+    path_ = reader_->pathOf(*node);
+    const WalkNode& walk = order_->nodes[*node];
+    node_ = *node;
+    stop_ = walk.end;
+    pathLengths_.assign(size_t(walk.depth) + 1, 0);
+    pathLengths_[walk.depth] = uint32_t(path_.size());
+    view_ = BOMEntryView(reader_.get(), *reader_->block(reader_->infoBlockOfNode(node_)), reader_->idOfNode(node_),
+                         reader_->name(node_), path_);
+    return true;
+}
+
+bool BOMCursor::advance() {
+    if (done_) return false;
+    if (!started_) {
+        started_ = true;
+        return true;
+    }
+    return order_ ? _advanceInIndex() : _advanceInLeaves();
+}
+
+bool BOMCursor::_advanceInLeaves() {
+    const uint32_t skipFrom = skip_ ? stack_.back().id : 0;
+    skip_ = false;
+    bool freshSkip = skipFrom != 0;
+    for (;;) {
+        if (skipFrom && (freshSkip || pairIndex_ == 0 || pairIndex_ >= pairCount_)) {
+            if (!_skipLeaves(skipFrom)) return _fail();
+            freshSkip = false;
+        }
+        Item item{};
+        switch (_read(item)) {
+        case Read::item: break;
+        case Read::end: done_ = true; return false;
+        case Read::departs: return _switchToIndex(skipFrom, lastId_);
+        case Read::damaged: return _fail();
+        }
+        if (skipFrom && item.parent >= skipFrom) continue;
+        size_t level = stack_.size();
+        while (level > 0 && stack_[level - 1].id != item.parent) --level;
+        if (level == 0) return _switchToIndex(skipFrom, item.id - 1);
+        if (level - 1 < startLevel_) {  // past the starting entry's subtree
+            done_ = true;
+            return false;
+        }
+        if (!_place(item, level - 1)) return _fail();
+        delivered_ = true;
+        return true;
+    }
+}
+
+bool BOMCursor::_switchToIndex(uint32_t skipFrom, uint32_t passed) {
+    order_ = reader_->index();
+    if (!order_) return _fail();
+    const NodeIndex startNode = stack_[startLevel_].id - 1;
+    // The items read so far must be the first ones of the index's walk order, so that
+    // the walk can go on from there.
+    bool prefix = passed <= order_->nodes.size();
+    for (NodeIndex node = 0; prefix && node < passed; ++node) prefix = reader_->idOfNode(node) == node + 1;
+    if (!prefix) {
+        if (delivered_) return _fail();
+        // Nothing below the start handed out yet: start again from it through the index.
+        std::string start = path_.substr(0, stack_[startLevel_].pathLength);
+        bool skipped = skipFrom != 0;
+        stack_.clear();
+        if (!_startIndexed(start)) return _fail();
+        if (skipped) {
+            done_ = true;
+            return false;
+        }
+        return _advanceInIndex();
+    }
+    stop_ = order_->nodes[startNode].end;
+    NodeIndex next = passed;
+    if (skipFrom) next = std::max(next, order_->nodes[skipFrom - 1].end);
+    pathLengths_.resize(stack_.size());
+    for (size_t level = 0; level < stack_.size(); ++level) pathLengths_[level] = stack_[level].pathLength;
+    if (next >= stop_) {
+        done_ = true;
+        return false;
+    }
+    _showNode(next);
+    return true;
+}
+
+bool BOMCursor::_advanceInIndex() {
+    NodeIndex next = skip_ ? order_->nodes[node_].end : node_ + 1;
+    skip_ = false;
+    if (next >= stop_) {
+        done_ = true;
+        return false;
+    }
+    _showNode(next);
+    return true;
+}
+
+void BOMCursor::_showNode(NodeIndex node) {
+    const WalkNode& walk = order_->nodes[node];
+    if (pathLengths_.size() <= walk.depth) pathLengths_.resize(size_t(walk.depth) + 1);
+    std::string_view name(order_->names + walk.nameOffset, walk.nameLength);
+    path_.resize(pathLengths_[walk.depth - 1]);
+    path_ += '/';
+    path_ += name;
+    pathLengths_[walk.depth] = uint32_t(path_.size());
+    node_ = node;
+    delivered_ = true;
+    view_ = BOMEntryView(reader_.get(), *reader_->block(reader_->infoBlockOfNode(node)), reader_->idOfNode(node), name,
+                         path_);
+}
+
+}  // namespace crateworks::bom

@@ -1,0 +1,107 @@
+// The walk over a BOM file (BOMReader): reads the path tree's leaves in order and
+// builds each entry's path in one buffer from a stack of its ancestors, so a walk of
+// any size allocates nothing per entry and keeps only as much state as the tree is
+// deep. Skipped subtrees are passed over a leaf at a time where a leaf's last item
+// shows that the whole leaf lies inside them. Finding the starting entry descends the
+// same way: the children of each directory on the path are compared, the subtrees of
+// the others skipped.
+//
+// This relies on the writer's layout (items in walk order, numbered 1, 2, ... in that
+// order, each one's directory among the ancestors of the item before it) and checks it
+// item by item. At the first item that departs from it the walk goes on through the
+// reader's whole-file index, from the same place; a file whose departure would reorder
+// entries already handed out, or whose index cannot be built, ends the walk as damaged.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "CrateworksCore/Package_API/BOM/BOMEnumerator.h"
+#include "CrateworksCore/Package_API/BOM/BOMReader.h"
+
+namespace crateworks::bom {
+
+class BOMCursor : public BOMEnumerator {
+public:
+    // A walk over the entry at the stored path ("." or "./a/b"; empty components are
+    // ignored) and everything below it. Null when there is no such entry, or when the
+    // way to it reaches damage (then `damaged`, when given, is set).
+    static std::unique_ptr<BOMCursor> atPath(std::shared_ptr<const BOMReader> reader, std::string_view path,
+                                             bool* damaged = nullptr);
+
+    bool advance() override;
+    const BOMEntryView& view() const override { return view_; }
+    void skipDescendants() override { skip_ = true; }
+    bool damaged() const override { return damaged_; }
+
+private:
+    enum class Read { item, end, departs, damaged };
+    struct Item {
+        uint32_t id;
+        uint32_t parent;
+        uint32_t infoBlock;
+        uint32_t keyBlock;
+    };
+    struct Frame {
+        uint32_t id;
+        uint32_t pathLength;
+    };
+
+    explicit BOMCursor(std::shared_ptr<const BOMReader> reader) : reader_(std::move(reader)) {}
+
+    // Finding the start.
+    enum class Found { yes, no, departs, damaged };
+    Found _descend(std::string_view path);
+    bool _startIndexed(std::string_view path);
+
+    // The next item of the leaves, checked against the writer's numbering.
+    Read _read(Item& item);
+    bool _enterLeaf(uint32_t block);
+    // While skipping the subtree of `skipFrom`, passes over whole leaves that lie in it.
+    bool _skipLeaves(uint32_t skipFrom);
+    // The item's name, checked; empty when it is not a sound name.
+    std::string_view _name(uint32_t keyBlock, bool root) const;
+    // Makes the item the current entry below the frame at `level`; false when its name
+    // or info block is damaged.
+    bool _place(const Item& item, size_t level);
+    bool _advanceInLeaves();
+    // Goes on through the whole-file index after a departure, `passed` items having
+    // been read before it (the subtree of `skipFrom` being skipped, when not 0).
+    bool _switchToIndex(uint32_t skipFrom, uint32_t passed);
+    bool _advanceInIndex();
+    void _showNode(NodeIndex node);
+    bool _fail() {
+        damaged_ = true;
+        done_ = true;
+        return false;
+    }
+
+    std::shared_ptr<const BOMReader> reader_;
+    // The leaves.
+    const uint8_t* pairs_ = nullptr;
+    uint32_t pairCount_ = 0;
+    uint32_t pairIndex_ = 0;
+    uint32_t forward_ = 0;
+    uint32_t leavesEntered_ = 0;
+    uint32_t lastId_ = 0;  // of the last item read
+    // The current entry and its ancestors, by depth; the walk's start is at startLevel_.
+    std::vector<Frame> stack_;
+    size_t startLevel_ = 0;
+    std::string path_;
+    // After a departure (or for a file indexed before), nodes of the index instead.
+    const WalkOrder* order_ = nullptr;
+    NodeIndex node_ = 0;
+    NodeIndex stop_ = 0;
+    std::vector<uint32_t> pathLengths_;  // by depth
+
+    bool started_ = false;
+    bool delivered_ = false;  // an entry after the start has been handed out
+    bool skip_ = false;
+    bool done_ = false;
+    bool damaged_ = false;
+    BOMEntryView view_;
+};
+
+}  // namespace crateworks::bom
