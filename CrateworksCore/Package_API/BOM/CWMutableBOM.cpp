@@ -81,7 +81,7 @@ bool CWMutableBOM::setAttributes(const Dictionary& attributes, const std::string
     return _bomHandle->insertEntry(*entry);
 }
 
-bool CWMutableBOM::commitData() { return _bomHandle->commit(); }
+bool CWMutableBOM::commitData(platform::Error* error) { return _bomHandle->commit(error); }
 
 std::optional<bom::BOMPatternList> CWMutableBOM::_newBOMPatternList(const std::vector<std::string>& patterns) {
     if (patterns.empty()) return std::nullopt;

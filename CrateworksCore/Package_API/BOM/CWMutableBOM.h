@@ -36,8 +36,9 @@ public:
     // Applies owner id, group id and POSIX permissions from the dictionary to the entry.
     // False when there is no such entry.
     bool setAttributes(const platform::Dictionary& attributes, const std::string& ofItemAtPath);
-    // Writes the BOM to its file; true on success.
-    bool commitData();
+    // Writes the BOM to its file; true on success. A failure leaves what was at the path
+    // and says why in `error`.
+    bool commitData(platform::Error* error = nullptr);
 
     // The pattern list for masking; absent for an empty array.
     static std::optional<bom::BOMPatternList> _newBOMPatternList(const std::vector<std::string>& patterns);
