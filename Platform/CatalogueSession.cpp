@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -60,18 +61,19 @@ Choice probeProcessChoice() {
     io_uring_queue_exit(&ring);
     if (!statxSupported) return {Method::plainStatx, "FileSizer: plain statx (io_uring has no statx operation)"};
     // The kernel runs io_uring's statx on a worker thread, at a higher cost per file than
-    // a plain call: it pays off only when that worker has a processor of its own.
+    // a plain call: it pays off only when that worker has a processor of its own beside
+    // the walk's, which is a question of this moment, not of the last minute's average.
     int processors = availableProcessors();
-    double load = 0;
-    getloadavg(&load, 1);
-    if (processors - load < 1.0)
+    double others = CatalogueSession::otherRunnableTasksNow();
+    if (CatalogueSession::methodForMachine(processors, others) == Method::plainStatx)
         return {Method::plainStatx,
-                fmt::format("FileSizer: plain statx (no processor to spare for io_uring: {} processors, load {:.2f})",
-                            processors, load)};
-    return {
-        Method::ioUring,
-        fmt::format("FileSizer: statx through io_uring, batches of {} submitted together ({} processors, load {:.2f})",
-                    CatalogueIterator::kBatchSize, processors, load)};
+                fmt::format("FileSizer: plain statx (no processor to spare for io_uring: {} processors, "
+                            "{:.1f} other tasks runnable now)",
+                            processors, others)};
+    return {Method::ioUring,
+            fmt::format("FileSizer: statx through io_uring, batches of {} submitted together ({} processors, "
+                        "{:.1f} other tasks runnable now)",
+                        CatalogueIterator::kBatchSize, processors, others)};
 }
 
 const Choice& processChoice() {
@@ -107,6 +109,39 @@ struct CatalogueSession::Slot {
     // Valid only while the request is queued, not yet submitted.
     const char* name = nullptr;
 };
+
+CatalogueSession::Method CatalogueSession::methodForMachine(int processors, double otherRunnableTasks) {
+    // The walk takes one processor and the kernel's worker another; what the rest of the
+    // machine runs must leave that second one free.
+    return processors >= 2 && double(processors) - 1.0 - otherRunnableTasks >= 0.5 ? Method::ioUring
+                                                                                   : Method::plainStatx;
+}
+
+double CatalogueSession::otherRunnableTasksNow() {
+    // The fourth field of /proc/loadavg counts the tasks runnable at the moment it is
+    // read, the reader included. A few readings a millisecond apart even out a task
+    // that runs only for an instant.
+    constexpr int kReadings = 5;
+    double sum = 0;
+    int readings = 0;
+    for (int i = 0; i < kReadings; ++i) {
+        if (i > 0) usleep(1000);
+        int fd = ::open("/proc/loadavg", O_RDONLY | O_CLOEXEC);
+        if (fd < 0) break;
+        char text[128];
+        ssize_t n = ::read(fd, text, sizeof text - 1);
+        ::close(fd);
+        if (n <= 0) break;
+        text[n] = 0;
+        double one, five, fifteen;
+        unsigned running = 0, total = 0;
+        if (sscanf(text, "%lf %lf %lf %u/%u", &one, &five, &fifteen, &running, &total) != 5 || running == 0) break;
+        sum += running - 1;
+        ++readings;
+    }
+    // Unknown counts as busy: plain statx is never much slower.
+    return readings > 0 ? sum / readings : 1e9;
+}
 
 CatalogueSession::Method CatalogueSession::processMethod() { return processChoice().method; }
 

@@ -25,11 +25,19 @@ class CatalogueSession {
 public:
     enum class Method { ioUring, plainStatx };
 
-    // Chosen once per process: io_uring, unless the environment variable
-    // FERRYHOLD_NO_IO_URING is set, the kernel (or a sandbox) refuses a ring that can
-    // run statx, or no processor is left over for the kernel's worker (processors
-    // available minus the load average below 1), where plain statx is faster.
+    // Chosen once per process, when the first session is made: io_uring, unless the
+    // environment variable FERRYHOLD_NO_IO_URING is set, the kernel (or a sandbox)
+    // refuses a ring that can run statx, or the machine has no processor free at that
+    // moment for the kernel's worker beside the walk (methodForMachine), where plain
+    // statx is faster.
     static Method processMethod();
+    // io_uring when, of `processors`, one is left for the kernel's worker beside the
+    // walk's own once `otherRunnableTasks` (other tasks wanting a processor now) have
+    // theirs; plain statx otherwise, and always on a single processor.
+    static Method methodForMachine(int processors, double otherRunnableTasks);
+    // The tasks other than this one that are runnable now, from a few readings of the
+    // kernel's count a millisecond apart (about 5 ms in all); very large when unknown.
+    static double otherRunnableTasksNow();
     // One line saying which method the process uses and why.
     static std::string processMethodDescription();
     // Tests: sessions created from now on use `method` (io_uring only where the kernel
