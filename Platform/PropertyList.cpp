@@ -1,6 +1,7 @@
 #include "Platform/PropertyList.h"
 
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <plist/plist.h>
 
@@ -50,10 +51,16 @@ Value fromNode(plist_t node, int depth) {
         plist_get_real_val(node, &d);
         return Value(d);
     }
-    case PLIST_STRING:
+    case PLIST_STRING: {
+        // A string ends at its first NUL character, as the writers and the XML form have
+        // it; asking for a copy of one that holds a NUL fails an assertion of the library.
+        uint64_t length = 0;
+        const char* s = plist_get_string_ptr(node, &length);
+        return Value(s ? std::string(s, strnlen(s, length)) : std::string());
+    }
     case PLIST_KEY: {
         char* s = nullptr;
-        plist_get_string_val(node, &s);
+        plist_get_key_val(node, &s);
         Value v(std::string(s ? s : ""));
         free(s);
         return v;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
 #include "support/TempDir.h"
@@ -98,6 +100,19 @@ TEST(PropertyList, DamagedOrWrongTypeReadsAsAbsent) {
     ASSERT_TRUE(plist::writeXMLFile(Value(Array{Value("x")}), dir / "array.plist"));
     EXPECT_FALSE(plist::readDictionaryFile(dir / "array.plist"));
     EXPECT_TRUE(plist::readArrayFile(dir / "array.plist"));
+}
+
+// A NUL character inside a string (which neither form's writer makes) ends the string
+// there, in every string of the document, instead of stopping the reader.
+TEST(PropertyList, AStringHoldingANulEndsAtIt) {
+    Value written(Dictionary{{"Identifier", "com.quaXrn.example"}, {"List", Array{"oneXtwo", "plain"}}});
+    std::string xml = plist::toXML(written);
+    std::replace(xml.begin(), xml.end(), 'X', '\0');
+    auto read = plist::readBytes(std::span(reinterpret_cast<const uint8_t*>(xml.data()), xml.size()));
+    ASSERT_TRUE(read && read->dictionary());
+    EXPECT_EQ(Value(Dictionary{{"Identifier", "com.qua"}, {"List", Array{"one", "plain"}}}), *read);
+    // What was read writes and reads back unchanged.
+    EXPECT_EQ(*read, plist::readBytes(plist::toBinary(*read)));
 }
 
 namespace {
