@@ -41,9 +41,9 @@ BOMCursor::Read BOMCursor::_read(Item& item) {
     }
     const uint8_t* pair = pairs_ + size_t(pairIndex_) * 8;
     auto value = reader_->block(readU32(pair));
-    item.keyBlock = readU32(pair + 4);
-    auto key = reader_->block(item.keyBlock);
+    auto key = reader_->block(readU32(pair + 4));
     if (!value || value->size() < 8 || !key || key->size() < 5) return Read::damaged;
+    item.key = *key;
     item.id = readU32(value->data());
     item.infoBlock = readU32(value->data() + 4);
     item.parent = readU32(key->data());
@@ -95,8 +95,7 @@ bool BOMCursor::_skipLeaves(uint32_t skipFrom) {
     }
 }
 
-std::string_view BOMCursor::_name(uint32_t keyBlock, bool root) const {
-    auto key = *reader_->block(keyBlock);  // checked by _read
+std::string_view BOMCursor::_name(std::span<const uint8_t> key, bool root) {
     const char* name = reinterpret_cast<const char*>(key.data()) + 4;
     const char* end = static_cast<const char*>(std::memchr(name, 0, key.size() - 4));
     if (!end) return {};
@@ -108,9 +107,8 @@ std::string_view BOMCursor::_name(uint32_t keyBlock, bool root) const {
 
 bool BOMCursor::_place(const Item& item, size_t level) {
     bool root = item.parent == 0;
-    std::string_view name = _name(item.keyBlock, root);
-    auto info = reader_->block(item.infoBlock);
-    if (name.empty() || !info || info->size() < format::kInfoFixedSize) return false;
+    std::string_view name = _name(item.key, root);
+    if (name.empty()) return false;
     if (root) {
         path_ = ".";
         stack_.assign(1, Frame{item.id, 1});
@@ -121,7 +119,7 @@ bool BOMCursor::_place(const Item& item, size_t level) {
         path_ += name;
         stack_.push_back(Frame{item.id, uint32_t(path_.size())});
     }
-    view_ = BOMEntryView(reader_.get(), *info, item.id, name, path_);
+    view_ = BOMEntryView(reader_.get(), item.infoBlock, item.id, name, path_, &fieldsDamaged_);
     return true;
 }
 
@@ -158,7 +156,7 @@ BOMCursor::Found BOMCursor::_descend(std::string_view path) {
             case Read::damaged: return Found::damaged;
             }
             if (item.parent == parent) {
-                std::string_view name = _name(item.keyBlock, false);
+                std::string_view name = _name(item.key, false);
                 if (name.empty()) return Found::damaged;
                 if (name == component) {
                     if (!_place(item, parentLevel)) return Found::damaged;
@@ -193,13 +191,13 @@ bool BOMCursor::_startIndexed(std::string_view path) {
     stop_ = walk.end;
     pathLengths_.assign(size_t(walk.depth) + 1, 0);
     pathLengths_[walk.depth] = uint32_t(path_.size());
-    view_ = BOMEntryView(reader_.get(), *reader_->block(reader_->infoBlockOfNode(node_)), reader_->idOfNode(node_),
-                         reader_->name(node_), path_);
+    view_ = BOMEntryView(reader_.get(), reader_->infoBlockOfNode(node_), reader_->idOfNode(node_),
+                         reader_->name(node_), path_, &fieldsDamaged_);
     return true;
 }
 
 bool BOMCursor::advance() {
-    if (done_) return false;
+    if (done_ || fieldsDamaged_) return false;
     if (!started_) {
         started_ = true;
         return true;
@@ -292,8 +290,8 @@ void BOMCursor::_showNode(NodeIndex node) {
     pathLengths_[walk.depth] = uint32_t(path_.size());
     node_ = node;
     delivered_ = true;
-    view_ = BOMEntryView(reader_.get(), *reader_->block(reader_->infoBlockOfNode(node)), reader_->idOfNode(node), name,
-                         path_);
+    view_ = BOMEntryView(reader_.get(), reader_->infoBlockOfNode(node), reader_->idOfNode(node), name, path_,
+                         &fieldsDamaged_);
 }
 
 }  // namespace crateworks::bom

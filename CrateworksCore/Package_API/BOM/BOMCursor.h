@@ -34,7 +34,7 @@ public:
     bool advance() override;
     const BOMEntryView& view() const override { return view_; }
     void skipDescendants() override { skip_ = true; }
-    bool damaged() const override { return damaged_; }
+    bool damaged() const override { return damaged_ || fieldsDamaged_; }
 
 private:
     enum class Read { item, end, departs, damaged };
@@ -42,7 +42,7 @@ private:
         uint32_t id;
         uint32_t parent;
         uint32_t infoBlock;
-        uint32_t keyBlock;
+        std::span<const uint8_t> key;
     };
     struct Frame {
         uint32_t id;
@@ -62,9 +62,9 @@ private:
     // While skipping the subtree of `skipFrom`, passes over whole leaves that lie in it.
     bool _skipLeaves(uint32_t skipFrom);
     // The item's name, checked; empty when it is not a sound name.
-    std::string_view _name(uint32_t keyBlock, bool root) const;
+    static std::string_view _name(std::span<const uint8_t> key, bool root);
     // Makes the item the current entry below the frame at `level`; false when its name
-    // or info block is damaged.
+    // is damaged. Its info block is read when a field of the view is asked for.
     bool _place(const Item& item, size_t level);
     bool _advanceInLeaves();
     // Goes on through the whole-file index after a departure, `passed` items having
@@ -101,6 +101,7 @@ private:
     bool skip_ = false;
     bool done_ = false;
     bool damaged_ = false;
+    bool fieldsDamaged_ = false;  // set by a view whose info block is damaged
     BOMEntryView view_;
 };
 

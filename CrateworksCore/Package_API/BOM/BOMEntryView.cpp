@@ -7,6 +7,13 @@
 
 namespace crateworks::bom {
 
+std::span<const uint8_t> BOMEntryView::_info() const {
+    auto info = reader_ ? reader_->block(infoBlock_) : std::nullopt;
+    if (info && info->size() >= format::kInfoFixedSize) return *info;
+    if (damaged_) *damaged_ = true;
+    return {};
+}
+
 uint64_t BOMEntryView::size() const {
     if (entry_) return entry_->size;
     return reader_ ? reader_->sizeOf(id_, _u32(18)) : _u32(18);
@@ -14,9 +21,10 @@ uint64_t BOMEntryView::size() const {
 
 std::optional<std::string_view> BOMEntryView::linkTarget() const {
     if (entry_) return entry_->linkTarget ? std::optional<std::string_view>(*entry_->linkTarget) : std::nullopt;
+    auto info = _info();
     uint32_t length = _u32(27);
-    if (length == 0 || format::kInfoFixedSize + uint64_t(length) > info_.size()) return std::nullopt;
-    const char* link = reinterpret_cast<const char*>(info_.data() + format::kInfoFixedSize);
+    if (length == 0 || format::kInfoFixedSize + uint64_t(length) > info.size()) return std::nullopt;
+    const char* link = reinterpret_cast<const char*>(info.data() + format::kInfoFixedSize);
     return std::string_view(link, strnlen(link, length));
 }
 

@@ -18,11 +18,12 @@ class BOMReader;
 class BOMEntryView {
 public:
     BOMEntryView() = default;
-    // An entry of a BOM file: its info block (at least the fixed part, checked by the
-    // walk), its id for the 64-bit size table, its name and its stored path.
-    BOMEntryView(const BOMReader* reader, std::span<const uint8_t> info, uint32_t id, std::string_view name,
-                 std::string_view path)
-        : reader_(reader), info_(info), id_(id), name_(name), path_(path) {}
+    // An entry of a BOM file: its info block, read only when a field is asked for, its id
+    // for the 64-bit size table, its name and its stored path. An info block that is
+    // missing or shorter than its fixed part reads as zeros and sets `*damaged`.
+    BOMEntryView(const BOMReader* reader, uint32_t infoBlock, uint32_t id, std::string_view name,
+                 std::string_view path, bool* damaged)
+        : reader_(reader), infoBlock_(infoBlock), id_(id), name_(name), path_(path), damaged_(damaged) {}
     // An entry held decoded (a BOM being built).
     BOMEntryView(const BOMEntry* entry, std::string_view path) : entry_(entry), name_(entry->shortName), path_(path) {}
 
@@ -33,7 +34,9 @@ public:
     // The last path component ("." for the root).
     std::string_view name() const { return name_; }
 
-    uint8_t type() const { return entry_ ? entry_->type : info_[0]; }
+    // Whether the fields can be read (always for an entry held decoded).
+    bool readable() const { return entry_ || !_info().empty(); }
+    uint8_t type() const { return entry_ ? entry_->type : _u8(0); }
     bool isDirectory() const { return type() == kEntryDirectory; }
     uint16_t architecture() const { return entry_ ? entry_->architecture : _u16(2); }
     uint16_t mode() const { return entry_ ? entry_->mode : _u16(4); }
@@ -50,18 +53,31 @@ public:
     BOMEntry toEntry() const;
 
 private:
-    uint16_t _u16(size_t at) const { return uint16_t(info_[at] << 8 | info_[at + 1]); }
+    // The info block, at least its fixed part; empty (and the walk marked damaged) when
+    // the block is missing or short.
+    std::span<const uint8_t> _info() const;
+    uint8_t _u8(size_t at) const {
+        auto info = _info();
+        return info.empty() ? 0 : info[at];
+    }
+    uint16_t _u16(size_t at) const {
+        auto info = _info();
+        return info.empty() ? 0 : uint16_t(info[at] << 8 | info[at + 1]);
+    }
     uint32_t _u32(size_t at) const {
-        return uint32_t(info_[at]) << 24 | uint32_t(info_[at + 1]) << 16 | uint32_t(info_[at + 2]) << 8 |
-               uint32_t(info_[at + 3]);
+        auto info = _info();
+        return info.empty() ? 0
+                            : uint32_t(info[at]) << 24 | uint32_t(info[at + 1]) << 16 | uint32_t(info[at + 2]) << 8 |
+                                  uint32_t(info[at + 3]);
     }
 
     const BOMReader* reader_ = nullptr;
     const BOMEntry* entry_ = nullptr;
-    std::span<const uint8_t> info_;
+    uint32_t infoBlock_ = 0;
     uint32_t id_ = 0;
     std::string_view name_;
     std::string_view path_;
+    bool* damaged_ = nullptr;
 };
 
 }  // namespace crateworks::bom

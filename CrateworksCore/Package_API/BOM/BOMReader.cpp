@@ -387,9 +387,8 @@ uint64_t BOMReader::sizeOf(uint32_t id, uint32_t storedSize) const {
 }
 
 void BOMReader::fill(NodeIndex node, BOMEntry& entry) const {
-    auto info = *block(infoBlocks_[node]);  // checked by the index
     std::string path = std::move(entry.pathName);
-    entry = BOMEntryView(this, info, idOfNode(node), name(node), {}).toEntry();
+    entry = BOMEntryView(this, infoBlocks_[node], idOfNode(node), name(node), {}, nullptr).toEntry();
     entry.pathName = std::move(path);
 }
 

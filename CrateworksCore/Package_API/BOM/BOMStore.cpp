@@ -51,7 +51,7 @@ std::optional<BOMEntry> BOMStore::rootEntry() const { return entryAtPath("."); }
 std::optional<BOMEntry> BOMStore::entryAtPath(std::string_view path) const {
     if (reader_) {
         auto walk = BOMCursor::atPath(reader_, path);
-        if (!walk || !walk->advance()) return std::nullopt;
+        if (!walk || !walk->advance() || !walk->view().readable()) return std::nullopt;
         return walk->view().toEntry();
     }
     auto node = tree_->find(path);

@@ -29,7 +29,8 @@ bool CWBOMDirectoryEnumerator::isDirectory() {
 }
 
 std::optional<platform::Dictionary> CWBOMDirectoryEnumerator::fileAttributes() {
-    if (!_currentFSO()) return std::nullopt;
+    const bom::BOMEntryView* current = _currentFSO();
+    if (!current || !current->readable()) return std::nullopt;
     return CWBOM::_attributesOfBOMEntry(_be->entry());
 }
 

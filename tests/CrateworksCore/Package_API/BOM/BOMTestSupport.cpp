@@ -204,8 +204,7 @@ std::shared_ptr<crateworks::CWBOM> BOMBytes::open() const {
     auto bom = crateworks::CWBOM::initWithBOMData(platform::Data(bytes.begin(), bytes.end()));
     auto walk = bom ? bom->directoryEnumerator() : nullptr;
     if (!walk) return nullptr;
-    while (walk->nextObject()) {
-    }
+    while (walk->nextObject()) (void)walk->fileAttributes();
     return walk->damaged() ? nullptr : bom;
 }
 

@@ -76,7 +76,8 @@ public:
     // Adds a block at the end of the file (the block table is moved behind it).
     uint32_t appendBlock(const std::vector<uint8_t>& block);
 
-    // Opens the bytes and walks every entry: null when the open or the walk refuses them.
+    // Opens the bytes and walks every entry, reading its attributes: null when the open
+    // or the walk refuses them.
     std::shared_ptr<crateworks::CWBOM> open() const;
 
     std::vector<uint8_t> bytes;

@@ -175,20 +175,32 @@ TEST_F(LargeBOM, WalksAllocateNothingPerEntry) {
 
 // Damage deep in a file is not looked at by an open or a look-up that does not reach it;
 // a walk that reaches it says so, and a subtree list that would be cut short is refused.
-TEST(BOMWalkDamage, RefusedWhereTheWalkReachesIt) {
-    testsupport::TempDir dir;
-    bomtest::SampleBOM sample(dir / "d.bom");
-    sample.directory("a").file("a/x", 1);
-    sample.directory("z");
-    for (int f = 0; f < 600; ++f) sample.file("z/f" + std::to_string(f), f);
-    bomtest::BOMBytes bytes(sample.commit());
-    bytes.setLength(bytes.item("f300").infoBlock, 12);  // shorter than an info block's fixed part
+class BOMWalkDamage : public ::testing::Test {
+protected:
+    void SetUp() override {
+        bomtest::SampleBOM sample(dir / "d.bom");
+        sample.directory("a").file("a/x", 1);
+        sample.directory("z");
+        for (int f = 0; f < 600; ++f) sample.file("z/f" + std::to_string(f), f);
+        good = sample.commit();
+    }
+    std::shared_ptr<crateworks::CWBOM> open(const bomtest::BOMBytes& bytes) {
+        return crateworks::CWBOM::initWithBOMData(platform::Data(bytes.bytes.begin(), bytes.bytes.end()));
+    }
 
-    auto bom = crateworks::CWBOM::initWithBOMData(platform::Data(bytes.bytes.begin(), bytes.bytes.end()));
+    testsupport::TempDir dir;
+    std::vector<uint8_t> good;
+};
+
+TEST_F(BOMWalkDamage, AKeyBlockStopsTheWalkThatReachesIt) {
+    bomtest::BOMBytes bytes(good);
+    bytes.setLength(bytes.item("f300").keyBlock, 4);  // no room for a name
+    auto bom = open(bytes);
     ASSERT_TRUE(bom);
     EXPECT_TRUE(bom->attributesOfItemAtPath("a/x"));
     EXPECT_EQ(std::vector<std::string>({"a", "a/x"}), *bom->subpathsOfDirectoryAtPath("a"));
     EXPECT_FALSE(bom->subpathsOfDirectoryAtPath("z"));
+    EXPECT_FALSE(bom->attributesOfItemAtPath("z/f599"));  // the way to it crosses the damage
 
     auto walk = bom->directoryEnumerator();
     std::vector<std::string> seen;
@@ -197,6 +209,28 @@ TEST(BOMWalkDamage, RefusedWhereTheWalkReachesIt) {
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ("z/f30", seen.back());  // byte order: f299 < f3 < f30 < f300
     EXPECT_EQ(0u, bom->totalSize());  // a sum over every entry cannot be had
+}
+
+// Fields are read when asked for, so a damaged info block is met by the walk that asks.
+TEST_F(BOMWalkDamage, AnInfoBlockIsMetWhenItsFieldsAreRead) {
+    bomtest::BOMBytes bytes(good);
+    bytes.setLength(bytes.item("f300").infoBlock, 12);  // shorter than an info block's fixed part
+    auto bom = open(bytes);
+    ASSERT_TRUE(bom);
+    EXPECT_FALSE(bom->attributesOfItemAtPath("z/f300"));
+    EXPECT_TRUE(bom->attributesOfItemAtPath("z/f301"));
+    EXPECT_EQ(601u, bom->subpathsOfDirectoryAtPath("z")->size());  // paths only: the block is not read
+
+    auto walk = bom->directoryEnumerator();
+    std::vector<std::string> seen;
+    while (auto next = walk->nextObject()) {
+        seen.push_back(*next);
+        if (*next != "z/f300") EXPECT_TRUE(walk->fileAttributes()) << *next;
+        else EXPECT_FALSE(walk->fileAttributes());
+    }
+    EXPECT_TRUE(walk->damaged());
+    EXPECT_EQ("z/f300", seen.back());
+    EXPECT_EQ(0u, bom->totalSize());
 }
 
 }  // namespace
