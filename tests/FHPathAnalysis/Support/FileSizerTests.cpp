@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <grp.h>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -260,39 +262,96 @@ TEST_F(FileSizerTest, DirectorySizeWalksNothingWhileTheRunFlagIsClear) {
     EXPECT_EQ(std::optional<uint64_t>(findAllocated(temp / "dir")), FileSizer::directorySizeAtPath(temp / "dir"));
 }
 
+// Three paths to size in turn, the second with plain files listed before a directory
+// that is made to fail: its failure message is where a test cancels the sizing.
+struct ThreePaths {
+    explicit ThreePaths(const TempDir& temp) : first(temp / "first"), second(temp / "second"), third(temp / "third") {
+        buildMixedTree(first);
+        for (int i = 0; i < 20; ++i) writeSized(second + "/f" + std::to_string(i), size_t(i + 1) * 1000);
+        for (int i = 0; i < 5; ++i) writeSized(second + "/d" + std::to_string(i) + "/inside", 5000);
+        writeSized(third + "/file", 50000);
+        // The walk meets the children in listing order; the first directory listed after
+        // something else becomes unreadable.
+        std::vector<std::string> order;
+        for (const auto& entry : stdfs::directory_iterator(second)) order.push_back(entry.path().filename());
+        size_t stop = 1;
+        while (order[stop][0] != 'd') ++stop;
+        failing = order[stop];
+        auto bySize = findAllocatedByChild(second);
+        uint64_t partial = 0;
+        for (size_t i = 0; i < stop; ++i) partial += bySize[order[i]];
+        EXPECT_GT(partial, 0u);
+        EXPECT_LT(partial, findAllocated(second));
+        cancelled = findAllocated(first) + partial;
+        full = findAllocated(first) + findAllocated(second) + findAllocated(third);
+    }
+    std::vector<std::string> paths() const { return {first, second, third}; }
+    std::string first, second, third, failing;
+    uint64_t cancelled = 0, full = 0;  // the sum when cancelled at `failing`, and in full
+};
+
 TEST_F(FileSizerTest, CancelDuringTheSecondOfThreePathsKeepsWhatWasSized) {
-    std::string first = temp / "first", second = temp / "second", third = temp / "third";
-    buildMixedTree(first);
-    for (int i = 0; i < 20; ++i) writeSized(second + "/f" + std::to_string(i), size_t(i + 1) * 1000);
-    for (int i = 0; i < 5; ++i) writeSized(second + "/d" + std::to_string(i) + "/inside", 5000);
-    writeSized(third + "/file", 50000);
-
-    // The walk meets the children in listing order; the first directory listed after
-    // something else becomes unreadable, and its failure message cancels the sizing.
-    std::vector<std::string> order;
-    for (const auto& entry : stdfs::directory_iterator(second)) order.push_back(entry.path().filename());
-    size_t stop = 1;
-    while (order[stop][0] != 'd') ++stop;
-    auto bySize = findAllocatedByChild(second);
-    uint64_t partial = 0;
-    for (size_t i = 0; i < stop; ++i) partial += bySize[order[i]];
-    ASSERT_GT(partial, 0u);
-    ASSERT_LT(partial, findAllocated(second));
-    uint64_t full = findAllocated(first) + findAllocated(second) + findAllocated(third);
-
+    ThreePaths three(temp);
     for (auto method : kMethods) {
         CatalogueSession::setMethodForTesting(method);
-        CatalogueIterator::setFailingDirectoryNameForTesting(order[stop]);
+        CatalogueIterator::setFailingDirectoryNameForTesting(three.failing);
         {
             CapturedConsole console;
             console.onMessage = [](std::string_view message) {
                 if (message == "FSOpenIterator failed.") FileSizer::cancel();
             };
-            EXPECT_EQ(findAllocated(first) + partial, FileSizer::sizeForPaths({first, second, third}));
+            EXPECT_EQ(three.cancelled, FileSizer::sizeForPaths(three.paths()));
             EXPECT_EQ(1u, console.messages.size());
         }
         CatalogueIterator::setFailingDirectoryNameForTesting(std::nullopt);
-        EXPECT_EQ(full, FileSizer::sizeForPaths({first, second, third}));
+        EXPECT_EQ(three.full, FileSizer::sizeForPaths(three.paths()));
+    }
+}
+
+TEST_F(FileSizerTest, CancelFromAnotherThreadStopsTheWalkThereAndSizingsOnTwoThreadsTakeTurns) {
+    ThreePaths three(temp);
+    for (auto method : kMethods) {
+        CatalogueSession::setMethodForTesting(method);
+        CatalogueIterator::setFailingDirectoryNameForTesting(three.failing);
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool reached = false, cancelled = false;
+        uint64_t sized = 0;
+        {
+            // The walking thread holds at the failing directory until this thread has
+            // cancelled; the walk then stops at its next item.
+            CapturedConsole console;
+            console.onMessage = [&](std::string_view message) {
+                if (message != "FSOpenIterator failed.") return;
+                std::unique_lock lock(mutex);
+                reached = true;
+                changed.notify_all();
+                changed.wait(lock, [&] { return cancelled; });
+            };
+            std::thread walker([&] { sized = FileSizer::sizeForPaths(three.paths()); });
+            {
+                std::unique_lock lock(mutex);
+                changed.wait(lock, [&] { return reached; });
+            }
+            FileSizer::cancel();
+            {
+                std::lock_guard lock(mutex);
+                cancelled = true;
+            }
+            changed.notify_all();
+            walker.join();
+        }
+        EXPECT_EQ(three.cancelled, sized);
+
+        // Two sizings at once: the sizer lock makes them take turns, and each counts all.
+        CatalogueIterator::setFailingDirectoryNameForTesting(std::nullopt);
+        uint64_t a = 0, b = 0;
+        std::thread one([&] { a = FileSizer::sizeForPaths(three.paths()); });
+        std::thread two([&] { b = FileSizer::sizeForPaths(three.paths()); });
+        one.join();
+        two.join();
+        EXPECT_EQ(three.full, a);
+        EXPECT_EQ(three.full, b);
     }
 }
 
