@@ -153,9 +153,17 @@ size_t TAVVolumeModel::sizingVolumeCount() const {
     return count;
 }
 
-void TAVVolumeModel::setObserver(Observer observer) {
+size_t TAVVolumeModel::addObserver(Observer observer) {
     std::lock_guard lock(_lock);
-    _observer = std::move(observer);
+    _observers.emplace_back(_nextObserverToken, std::move(observer));
+    return _nextObserverToken++;
+}
+
+void TAVVolumeModel::removeObserver(size_t token) {
+    std::unique_lock lock(_lock);
+    std::erase_if(_observers, [token](const auto& entry) { return entry.first == token; });
+    // A call already handed out may still be running on an analysis thread.
+    _told.wait(lock, [this] { return _telling == 0; });
 }
 
 void TAVVolumeModel::startSizing() {
@@ -208,7 +216,7 @@ void TAVVolumeModel::waitUntilSized() const {
 }
 
 void TAVVolumeModel::reapableSizeDidArrive(size_t index, std::optional<uint64_t> size, bool cancelled) {
-    Observer observer;
+    std::vector<Observer> observers;
     TAVVolume changed;
     {
         std::lock_guard lock(_lock);
@@ -218,11 +226,12 @@ void TAVVolumeModel::reapableSizeDidArrive(size_t index, std::optional<uint64_t>
         volume->sizing = cancelled ? TAVSizingState::Cancelled : TAVSizingState::Done;
         TAVVolumeEligibility::judgeVolume(*volume, _request);
         changed = *volume;
-        observer = _observer;
+        for (const auto& entry : _observers) observers.push_back(entry.second);
         ++_telling;
     }
-    if (observer) observer(changed);
+    for (const auto& observer : observers) observer(changed);
     std::lock_guard lock(_lock);
     --_telling;
     _sized.notify_all();
+    _told.notify_all();
 }

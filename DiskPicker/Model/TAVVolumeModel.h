@@ -63,8 +63,12 @@ public:
     size_t sizedVolumeCount() const;
     size_t sizingVolumeCount() const;
 
-    // Set before startSizing; the observer must not destroy the model.
-    void setObserver(Observer observer);
+    // Adds an observer (before startSizing, to hear of every volume); it must not destroy
+    // the model. Answers a token for removeObserver.
+    size_t addObserver(Observer observer);
+    // After it returns the observer is not called again (it waits for a call under way,
+    // so it must not be called from an observer).
+    void removeObserver(size_t token);
     // Starts the analyses of the volumes whose sizing is pending. Nothing without a target.
     void startSizing();
     // Cancels every analysis not yet finished; any thread.
@@ -85,8 +89,10 @@ private:
     mutable std::mutex _lock;
     mutable std::condition_variable _sized;
     std::vector<TAVDisk> _disks;
-    Observer _observer;
+    std::vector<std::pair<size_t, Observer>> _observers;
+    size_t _nextObserverToken = 1;
     int _telling = 0;  // observer calls under way
+    std::condition_variable _told;
     std::shared_ptr<std::mutex> _turn = std::make_shared<std::mutex>();
     std::vector<std::unique_ptr<TAVReapableSizer>> _sizers;
 };

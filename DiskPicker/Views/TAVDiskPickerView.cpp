@@ -50,7 +50,7 @@ TAVDiskPickerView::TAVDiskPickerView(std::shared_ptr<TAVVolumeModel> model, GtkO
 
     // The model reports on its analysis threads; the news is carried over here.
     std::weak_ptr<Liveness> weak = _liveness;
-    _model->setObserver([weak](const TAVVolume& volume) {
+    _observerToken = _model->addObserver([weak](const TAVVolume& volume) {
         struct News {
             std::weak_ptr<Liveness> liveness;
             TAVVolume volume;
@@ -68,7 +68,7 @@ TAVDiskPickerView::TAVDiskPickerView(std::shared_ptr<TAVVolumeModel> model, GtkO
 
 TAVDiskPickerView::~TAVDiskPickerView() {
     _liveness->view = nullptr;
-    _model->setObserver(nullptr);
+    _model->removeObserver(_observerToken);
     _popover.hide();
     if (gtk_widget_get_parent(_popover.widget())) gtk_widget_unparent(_popover.widget());
     g_object_unref(_root);
@@ -96,6 +96,13 @@ void TAVDiskPickerView::build() {
             gtk_box_append(GTK_BOX(cellBox), _cells.back()->widget());
             _installPointer(index);
         }
+    }
+    if (_cells.empty()) {
+        GtkWidget* none = gtk_label_new("No volume to install on was found.");
+        gtk_widget_set_hexpand(none, TRUE);
+        gtk_widget_set_vexpand(none, TRUE);
+        gtk_widget_add_css_class(none, "dim-label");
+        gtk_box_append(GTK_BOX(_content), none);
     }
     _installControllers();
 }
@@ -165,6 +172,23 @@ void TAVDiskPickerView::selectVolume(size_t index) {
     _selected = index;
     _cells[index]->setSelected(true);
     gtk_widget_grab_focus(volumeWidget(index));
+    _scrollToVolume(index);
+}
+
+// Brings the volume's cell into the visible part of the scrolled window, along the axis.
+void TAVDiskPickerView::_scrollToVolume(size_t index) {
+    GtkWidget* viewport = gtk_scrolled_window_get_child(GTK_SCROLLED_WINDOW(_root));
+    graphene_rect_t bounds;
+    if (!viewport || !gtk_widget_compute_bounds(volumeWidget(index), viewport, &bounds)) return;
+    bool vertical = _axis == GTK_ORIENTATION_VERTICAL;
+    GtkAdjustment* adjustment = vertical ? gtk_scrolled_window_get_vadjustment(GTK_SCROLLED_WINDOW(_root))
+                                         : gtk_scrolled_window_get_hadjustment(GTK_SCROLLED_WINDOW(_root));
+    double start = vertical ? bounds.origin.y : bounds.origin.x;
+    double end = start + (vertical ? bounds.size.height : bounds.size.width);
+    double shown = gtk_adjustment_get_page_size(adjustment), value = gtk_adjustment_get_value(adjustment);
+    constexpr double kMargin = 8;
+    if (start < 0) gtk_adjustment_set_value(adjustment, value + start - kMargin);
+    else if (end > shown) gtk_adjustment_set_value(adjustment, value + end - shown + kMargin);
 }
 
 bool TAVDiskPickerView::moveSelection(int step) {

@@ -73,6 +73,7 @@ protected:
 
 private:
     void _installControllers();
+    void _scrollToVolume(size_t index);
     void _installPointer(size_t index);
     static gboolean _keyPressed(GtkEventControllerKey*, guint keyval, guint, GdkModifierType, gpointer self);
 
@@ -90,4 +91,5 @@ private:
         TAVDiskPickerView* view;
     };
     std::shared_ptr<Liveness> _liveness;
+    size_t _observerToken = 0;
 };

@@ -126,7 +126,7 @@ TEST_F(VolumeModelTest, NamesDevicesVersionsAndSizes) {
 TEST_F(VolumeModelTest, ReapableSizesAreTheReapersAndJudgeEligibility) {
     auto volumes = model({"10.7", std::nullopt});
     std::atomic<int> told{0};
-    volumes->setObserver([&](const TAVVolume& volume) {
+    volumes->addObserver([&](const TAVVolume& volume) {
         EXPECT_NE(TAVSizingState::Pending, volume.sizing);
         ++told;
     });
@@ -207,7 +207,7 @@ TEST_F(VolumeModelTest, CancellingStopsTheAnalysesStillToCome) {
     auto volumes = model({"10.7", std::nullopt});
     // The analyses take turns; the first to finish cancels the rest from its own thread.
     std::atomic<int> done{0}, cancelled{0};
-    volumes->setObserver([&](const TAVVolume& volume) {
+    volumes->addObserver([&](const TAVVolume& volume) {
         if (volume.sizing == TAVSizingState::Done && done++ == 0) volumes->cancel();
         if (volume.sizing == TAVSizingState::Cancelled) {
             ++cancelled;

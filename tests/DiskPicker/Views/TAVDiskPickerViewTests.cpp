@@ -81,7 +81,9 @@ protected:
         gtk_window_set_default_size(GTK_WINDOW(window), width, height);
         gtk_window_set_child(GTK_WINDOW(window), view.widget());
         gtk_window_present(GTK_WINDOW(window));
-        EXPECT_TRUE(pumpUntil([&] { return gtk_widget_get_mapped(view.widget()); }));
+        // Mapped, then laid out: the first frame gives the cells their places.
+        EXPECT_TRUE(pumpUntil([&] { return gtk_widget_get_mapped(view.widget()) && gtk_widget_get_width(view.widget()) > 0; }));
+        pumpBriefly();
         windows.push_back(window);
         return window;
     }
@@ -190,6 +192,37 @@ TEST_F(PickerViewTest, KeysMoveAlongTheViewsAxisAndEnterChooses) {
     // Enter with nothing selected is left to others.
     TAVDiskStripView fresh(volumes);
     EXPECT_FALSE(pressKey(fresh, GDK_KEY_Return));
+
+    // In a strip narrower than its tiles the selected one is scrolled into view.
+    TAVDiskStripView narrow(volumes);
+    show(narrow, 320, 250);
+    auto lastTileShown = [&] {
+        graphene_rect_t tile;
+        return gtk_widget_compute_bounds(narrow.volumeWidget(4), narrow.widget(), &tile) && tile.origin.x >= -1 &&
+               tile.origin.x + tile.size.width <= gtk_widget_get_width(narrow.widget()) + 1;
+    };
+    EXPECT_FALSE(lastTileShown());
+    for (int i = 0; i < 5; ++i) pressKey(narrow, GDK_KEY_Right);
+    EXPECT_EQ(4u, narrow.selectedIndex());
+    EXPECT_TRUE(pumpUntil(lastTileShown));
+    // And back to the first.
+    for (int i = 0; i < 5; ++i) pressKey(narrow, GDK_KEY_Left);
+    EXPECT_TRUE(pumpUntil([&] {
+        return gtk_adjustment_get_value(gtk_scrolled_window_get_hadjustment(GTK_SCROLLED_WINDOW(narrow.widget()))) == 0;
+    }));
+}
+
+TEST_F(PickerViewTest, AMachineWithoutVolumesSaysSo) {
+    writeFile(dir / "pseudo", "22 1 0:21 / /proc rw - proc proc rw\n");
+    auto none = TAVVolumeModel::modelWithOptions({dir / "pseudo", fixture.sysfs(), {}});
+    ASSERT_TRUE(none);
+    TAVDiskOutlineView outline(none);
+    EXPECT_EQ(0u, outline.diskCount());
+    EXPECT_FALSE(pressKey(outline, GDK_KEY_Down) && outline.selectedIndex());
+    GtkWidget* placeholder = gtk_widget_get_first_child(
+        gtk_widget_get_first_child(gtk_scrolled_window_get_child(GTK_SCROLLED_WINDOW(outline.widget()))));
+    ASSERT_TRUE(GTK_IS_LABEL(placeholder));
+    EXPECT_STREQ("No volume to install on was found.", gtk_label_get_text(GTK_LABEL(placeholder)));
 }
 
 TEST_F(PickerViewTest, AVolumeThatCannotBeChosenShowsWhyInstead) {
