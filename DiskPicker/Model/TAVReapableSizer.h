@@ -1,9 +1,10 @@
 // The reapable size of one volume for a target release, worked out on a thread of its
 // own by the reaper's own analysis (FHPathAnalyzer::prunedReaperPathsReturningSize).
 //
-// The analysis's sizer is process-wide and serialised, so the sizers of one model take
-// turns through the `turn` mutex they share: cancelling then stops the one analysis
-// under way (its finder and the sizer) and keeps the waiting ones from starting.
+// The analysis's sizer is process-wide and serialised, so sizers take turns through the
+// `turn` mutex they share (their models share one for the process): cancelling then
+// stops the one analysis under way (its finder and the sizer) and keeps the waiting
+// ones from starting.
 #pragma once
 
 #include <atomic>

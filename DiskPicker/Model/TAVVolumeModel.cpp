@@ -53,6 +53,13 @@ TAVVolume volumeOf(const platform::mounts::MountEntry& entry, const TAVDiskTopol
     return volume;
 }
 
+// The analysis's sizer and rule caches are process-wide: the analyses of every model
+// in the process take turns.
+const std::shared_ptr<std::mutex>& analysisTurn() {
+    static const auto turn = std::make_shared<std::mutex>();
+    return turn;
+}
+
 }  // namespace
 
 TAVVolumeModelOptions TAVVolumeModelOptions::fromEnvironment() {
@@ -175,7 +182,7 @@ void TAVVolumeModel::startSizing() {
             if (volume.sizing != TAVSizingState::Pending) continue;
             size_t index = volume.index;
             _sizers.push_back(std::make_unique<TAVReapableSizer>(
-                volume.mountPoint, *_request.targetVersion, _turn,
+                volume.mountPoint, *_request.targetVersion, analysisTurn(),
                 [this, index](std::optional<uint64_t> size, bool cancelled) {
                     reapableSizeDidArrive(index, size, cancelled);
                 }));

@@ -93,6 +93,5 @@ private:
     size_t _nextObserverToken = 1;
     int _telling = 0;  // observer calls under way
     std::condition_variable _told;
-    std::shared_ptr<std::mutex> _turn = std::make_shared<std::mutex>();
     std::vector<std::unique_ptr<TAVReapableSizer>> _sizers;
 };

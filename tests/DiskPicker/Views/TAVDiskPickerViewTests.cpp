@@ -357,6 +357,14 @@ TEST_F(PickerViewTest, ScreenshotsOfBothViews) {
         ASSERT_TRUE(writeScreenshot(window, path)) << path;
         EXPECT_GT(colours(path), 20u) << path << " looks blank";
     }
+    // The popover of a volume that cannot be chosen, on a surface of its own.
+    strip.selectVolume(1);
+    strip.chooseSelectedVolume();
+    ASSERT_TRUE(pumpUntil([&] { return strip.popover().isShown() && gtk_widget_get_width(strip.popover().widget()) > 0; }));
+    pumpBriefly();
+    std::string path = std::string(FERRYHOLD_SCREENSHOT_DIR) + "/disk-picker-popover.png";
+    ASSERT_TRUE(writeScreenshot(strip.popover().widget(), path)) << path;
+    EXPECT_GT(colours(path), 10u) << path << " looks blank";
 }
 
 }  // namespace
