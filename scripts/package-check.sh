@@ -72,7 +72,7 @@ for deb in "${debs[@]}"; do dpkg-deb -x "$deb" "$root"; done
 libdir=$root/usr/lib/$multiarch
 export LD_LIBRARY_PATH=$libdir
 unset FERRYHOLD_FRAMEWORK_PATH
-for lib in libferryhold-platform libcrateworks libferryhold; do
+for lib in libferryhold-platform libcrateworks libferryhold libferryhold-diskpicker libferryhold-diskpicker-views; do
   soname=$(objdump -p "$libdir/$lib.so" | awk '$1 == "SONAME" {print $2}')
   [ "$soname" = "$lib.so.0" ] || fail "$lib.so has SONAME '$soname'"
 done
@@ -81,7 +81,7 @@ done
 out=$("$root/usr/bin/crateworks" --version) || fail "crateworks --version"
 case $out in *"$upstream"*) ;; *) fail "crateworks --version says '$out', not $upstream" ;; esac
 # The tools must run on the unpacked libraries, never on others the system may hold.
-for tool in reaper ferryhold crateworks; do
+for tool in reaper ferryhold crateworks ferryhold-picker; do
   ldd "$root/usr/bin/$tool" | grep -E 'lib(ferryhold|crateworks)' | grep -v "$libdir/" &&
     fail "$tool resolves a library outside the unpacked root"
 done
