@@ -7,7 +7,7 @@
 
 namespace platform {
 
-std::shared_ptr<MappedFile> MappedFile::open(const std::string& path) {
+std::shared_ptr<MappedFile> MappedFile::open(const std::string& path, Pages pages) {
     auto file = fs::File::open(path, {.regularFile = true});
     if (!file) return nullptr;
     struct stat st {};
@@ -15,9 +15,10 @@ std::shared_ptr<MappedFile> MappedFile::open(const std::string& path) {
     size_t size = size_t(st.st_size);
     void* data = nullptr;
     if (size > 0) {
-        // Readers of mapped files look at nearly every page; mapping them all at once is
-        // cheaper than taking the faults one by one.
-        data = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, file->descriptor(), 0);
+        // For a reader that looks at nearly every page, mapping them all at once is cheaper
+        // than taking the faults one by one.
+        int populate = pages == Pages::populated ? MAP_POPULATE : 0;
+        data = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | populate, file->descriptor(), 0);
         if (data == MAP_FAILED) return nullptr;
     }
     // The mapping stays valid once the file is closed.

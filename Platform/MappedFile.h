@@ -11,9 +11,14 @@ namespace platform {
 
 class MappedFile {
 public:
-    // Maps the whole file, its pages populated at once; null when it cannot be opened,
-    // is not a regular file or cannot be mapped. An empty file maps to no bytes.
-    static std::shared_ptr<MappedFile> open(const std::string& path);
+    // How the pages of the mapping are read: all at once when it is made (for readers that
+    // look at nearly every page), or each when it is first touched (for readers that look
+    // at only the parts they are asked about).
+    enum class Pages { populated, onDemand };
+
+    // Maps the whole file; null when it cannot be opened, is not a regular file or cannot
+    // be mapped. An empty file maps to no bytes.
+    static std::shared_ptr<MappedFile> open(const std::string& path, Pages pages = Pages::populated);
     ~MappedFile();
     MappedFile(const MappedFile&) = delete;
     MappedFile& operator=(const MappedFile&) = delete;

@@ -67,7 +67,7 @@ std::pair<size_t, size_t> walkAll(const std::string& bomPath) {
 
 // The floor: the file mapped as the reader maps it, every byte read once.
 uint64_t readOnce(const std::string& bomPath) {
-    auto file = platform::MappedFile::open(bomPath);
+    auto file = platform::MappedFile::open(bomPath, platform::MappedFile::Pages::onDemand);
     if (!file) return 0;
     auto bytes = file->bytes();
     uint64_t sum = 0;

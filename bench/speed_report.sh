@@ -10,7 +10,8 @@
 #   4. ferryhold user-paths against find -xdev (ferryhold_bench.sh: at most 0.15x);
 #   5. the scaling table: the reaper (with its cache) and ferryhold user-paths on the
 #      benchmark volume at a quarter, one and four times its size (150,000 files at one),
-#      elapsed time and peak memory against du -s and find -xdev, medians of 3 runs.
+#      elapsed time and peak memory against du -s and find -xdev, medians of 3 runs
+#      (GNU time, /usr/bin/time, measures them).
 #
 #   bench/speed_report.sh [BUILD_DIR] [WORK_DIR] [SCALES]
 # Defaults: build, /tmp/ferryhold-speed, "0.25 1 4". The volumes are built in WORK_DIR
@@ -42,25 +43,28 @@ echo "== 3. reaper ($main)"
 "$build/bin/reaper_bench" "$main"
 echo
 echo "== 4. ferryhold user-paths"
-bash bench/ferryhold_bench.sh "$build" "$main"
+bash bench/ferryhold_bench.sh "$build" "$main" || echo "FAILED: bench/ferryhold_bench.sh"
 echo
 echo "== 5. scaling table"
 for scale in $scales; do volume "$scale" >/dev/null; done
 python3 - "$build" "$work" $scales <<'PY'
-import os, plistlib, statistics, subprocess, sys, time
+import os, plistlib, statistics, subprocess, sys, tempfile
 
 build, work, scales = sys.argv[1], sys.argv[2], sys.argv[3:]
 runs = 3
 
 def run(command):
-    """Elapsed seconds and peak resident memory (MiB) of one run of the command."""
-    start = time.perf_counter()
-    child = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    _, status, usage = os.wait4(child.pid, 0)
-    elapsed = time.perf_counter() - start
-    if os.waitstatus_to_exitcode(status) != 0:
-        raise SystemExit(f"{command[0]} failed")
-    return elapsed, usage.ru_maxrss / 1024
+    """Elapsed seconds and peak resident memory (MiB) of one run of the command, taken by
+    GNU time (a child forked from this interpreter would carry its size into the peak);
+    NaNs when it fails (the table then shows nan, and the failure is reported)."""
+    with tempfile.NamedTemporaryFile("r") as report:
+        code = subprocess.run(["/usr/bin/time", "-f", "%e %M", "-o", report.name, *command],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
+        fields = report.read().split()
+    if code != 0 or len(fields) < 2:
+        print(f"FAILED ({code}): {' '.join(command)}")
+        return float("nan"), float("nan")
+    return float(fields[-2]), int(fields[-1]) / 1024
 
 def measure(commands):
     """Medians of `runs` runs of each command, taken in turns, after one warm-up each."""

@@ -17,7 +17,8 @@ BOMStore::BOMStore(std::shared_ptr<const BOMTree> tree, std::shared_ptr<const BO
     : tree_(std::move(tree)), reader_(std::move(reader)), writer_(std::move(writer)), path_(std::move(path)) {}
 
 std::shared_ptr<BOMStore> BOMStore::openFile(const std::string& path) {
-    auto file = platform::MappedFile::open(path);
+    // A walk or a look-up reads only the pages it reaches.
+    auto file = platform::MappedFile::open(path, platform::MappedFile::Pages::onDemand);
     if (!file) return nullptr;
     auto reader = BOMReader::open(file->bytes(), file);
     if (!reader) return nullptr;
