@@ -14,6 +14,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev python3 clang
   libarchive-tools nginx-light curl
   libcli11-dev nlohmann-json3-dev scdoc
+  debhelper dpkg-dev lintian fakeroot
   libmount-dev libblkid-dev libgtk-4-dev
   xvfb xauth dbus-daemon at-spi2-core python3-pyatspi xdotool
 )

@@ -30,3 +30,9 @@ echo "test.sh: threaded suites passed under ThreadSanitizer in $((SECONDS - tsan
 fuzz_start=$SECONDS
 bash scripts/fuzz.sh --replay
 echo "test.sh: fuzz targets built and replayed in $((SECONDS - fuzz_start)) s"
+
+# The Debian packages, built from HEAD, checked by lintian and used unpacked: the tools
+# on the sample volume, a program built through pkg-config (scripts/package-check.sh).
+package_start=$SECONDS
+bash scripts/package-check.sh
+echo "test.sh: Debian packages built and checked in $((SECONDS - package_start)) s"
