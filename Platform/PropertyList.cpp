@@ -7,6 +7,7 @@
 
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyListFailure.h"
+#include "Platform/Strings.h"
 
 namespace platform::plist {
 
@@ -52,8 +53,9 @@ Value fromNode(plist_t node, int depth) {
         return Value(d);
     }
     case PLIST_STRING: {
-        // A string ends at its first NUL character, as the writers and the XML form have
-        // it; asking for a copy of one that holds a NUL fails an assertion of the library.
+        // Read with its length: asking for a copy of a string whose length disagrees with
+        // its C string fails an assertion of the library (holdsNulCharacter keeps such
+        // documents away; this keeps to the first NUL should one come through).
         uint64_t length = 0;
         const char* s = plist_get_string_ptr(node, &length);
         return Value(s ? std::string(s, strnlen(s, length)) : std::string());
@@ -157,9 +159,78 @@ plist_t toNode(const Value& value) {
     return nullptr;
 }
 
+bool allTextIsUTF8(const Value& value) {
+    if (const std::string* text = value.string()) return str::isValidUTF8(*text);
+    if (const Array* array = value.array()) {
+        for (const Value& item : *array)
+            if (!allTextIsUTF8(item)) return false;
+    } else if (const Dictionary* dictionary = value.dictionary()) {
+        for (const auto& [key, item] : *dictionary)
+            if (!str::isValidUTF8(key) || !allTextIsUTF8(item)) return false;
+    }
+    return true;
+}
+
+uint64_t bigEndian(const uint8_t* bytes, size_t size) {
+    uint64_t value = 0;
+    for (size_t i = 0; i < size; ++i) value = value << 8 | bytes[i];
+    return value;
+}
+
+// Whether the document's text holds a NUL character. The library keeps such a string
+// or key with a length that disagrees with its C string, and fails an assertion when
+// asked for it; no property list written as text or by a writer holds one. In XML: a
+// NUL byte (no XML document holds one) or a reference to character 0. In binary form:
+// an ASCII or UTF-16 string object with a NUL unit; a document whose tables do not
+// hold together is left for the library to refuse.
+bool holdsNulCharacter(std::span<const uint8_t> bytes) {
+    constexpr std::string_view kMagic = "bplist00";
+    if (bytes.size() < kMagic.size() || std::memcmp(bytes.data(), kMagic.data(), kMagic.size()) != 0) {
+        std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        if (text.find('\0') != std::string_view::npos) return true;
+        for (size_t at = text.find("&#"); at != std::string_view::npos; at = text.find("&#", at + 2)) {
+            size_t digits = at + 2 + (at + 2 < text.size() && (text[at + 2] == 'x' || text[at + 2] == 'X'));
+            size_t end = text.find_first_not_of('0', digits);
+            if (end != digits && end < text.size() && text[end] == ';') return true;
+        }
+        return false;
+    }
+    constexpr size_t kTrailerSize = 32;
+    if (bytes.size() < kMagic.size() + kTrailerSize) return false;
+    const uint8_t* trailer = bytes.data() + bytes.size() - kTrailerSize;
+    size_t offsetSize = trailer[6];
+    uint64_t objects = bigEndian(trailer + 8, 8), table = bigEndian(trailer + 24, 8);
+    size_t end = bytes.size() - kTrailerSize;
+    if (offsetSize < 1 || offsetSize > 8 || table > end || objects > (end - table) / offsetSize) return false;
+    for (uint64_t i = 0; i < objects; ++i) {
+        uint64_t offset = bigEndian(bytes.data() + table + i * offsetSize, offsetSize);
+        if (offset >= end) continue;
+        uint8_t marker = bytes[offset];
+        size_t unit = marker >> 4 == 0x5 ? 1 : marker >> 4 == 0x6 ? 2 : 0;
+        if (!unit) continue;
+        uint64_t count = marker & 0xF, start = offset + 1;
+        if (count == 0xF) {
+            // The count follows as an integer object of 1, 2, 4 or 8 bytes.
+            if (start >= end || bytes[start] >> 4 != 0x1 || (bytes[start] & 0xF) > 3) continue;
+            size_t size = size_t(1) << (bytes[start] & 0xF);
+            if (start + 1 + size > end) continue;
+            count = bigEndian(bytes.data() + start + 1, size);
+            start += 1 + size;
+        }
+        if (count > (end - start) / unit) continue;
+        for (uint64_t c = 0; c < count; ++c)
+            if (bytes[start + c * unit] == 0 && (unit == 1 || bytes[start + c * unit + 1] == 0)) return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 std::optional<Value> readBytes(std::span<const uint8_t> bytes, Error* error) {
+    if (holdsNulCharacter(bytes)) {
+        if (error) *error = corruptFileError({}, "a string or key holds a NUL character");
+        return std::nullopt;
+    }
     plist_t node = nullptr;
     if (!bytes.empty() && bytes.size() <= UINT32_MAX)
         plist_from_memory(reinterpret_cast<const char*>(bytes.data()), uint32_t(bytes.size()), &node);
@@ -168,7 +239,13 @@ std::optional<Value> readBytes(std::span<const uint8_t> bytes, Error* error) {
         return std::nullopt;
     }
     Node owner(node);
-    return fromNode(node, 0);
+    Value value = fromNode(node, 0);
+    // Strings are Unicode text: bytes that are not UTF-8 could be written, but not read back.
+    if (!allTextIsUTF8(value)) {
+        if (error) *error = corruptFileError({}, "a string or key is not UTF-8 text");
+        return std::nullopt;
+    }
+    return value;
 }
 
 std::optional<Value> readFile(const std::string& path) {

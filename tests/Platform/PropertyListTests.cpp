@@ -102,19 +102,6 @@ TEST(PropertyList, DamagedOrWrongTypeReadsAsAbsent) {
     EXPECT_TRUE(plist::readArrayFile(dir / "array.plist"));
 }
 
-// A NUL character inside a string (which neither form's writer makes) ends the string
-// there, in every string of the document, instead of stopping the reader.
-TEST(PropertyList, AStringHoldingANulEndsAtIt) {
-    Value written(Dictionary{{"Identifier", "com.quaXrn.example"}, {"List", Array{"oneXtwo", "plain"}}});
-    std::string xml = plist::toXML(written);
-    std::replace(xml.begin(), xml.end(), 'X', '\0');
-    auto read = plist::readBytes(std::span(reinterpret_cast<const uint8_t*>(xml.data()), xml.size()));
-    ASSERT_TRUE(read && read->dictionary());
-    EXPECT_EQ(Value(Dictionary{{"Identifier", "com.qua"}, {"List", Array{"one", "plain"}}}), *read);
-    // What was read writes and reads back unchanged.
-    EXPECT_EQ(*read, plist::readBytes(plist::toBinary(*read)));
-}
-
 namespace {
 
 // The failure reason readBytes gives, after checking the error it comes in.
@@ -188,6 +175,57 @@ TEST(PropertyList, AFailedReadSaysWhyAndWhere) {
     EXPECT_EQ("The binary property list places object 1 at byte 240, outside its objects (bytes 8 to " +
                   std::to_string(offsetTable) + ").",
               failureReason(badOffset));
+}
+
+// A NUL character in a string or key (which neither form's writer makes) damages the
+// document, in XML as a byte or a character reference, in binary form in an ASCII or
+// UTF-16 string; it neither stops the reader nor reads as a shorter string.
+TEST(PropertyList, TextHoldingANulIsRefused) {
+    const std::string why = "a string or key holds a NUL character";
+    Value written(Dictionary{{"KeyX", "plain"}, {"Other", Array{"oneYtwo", "\xc3\x84Z"}}});
+    std::string xml = plist::toXML(written);
+    for (char placeholder : {'X', 'Y'}) {
+        SCOPED_TRACE(placeholder);
+        std::string damaged = xml;
+        std::replace(damaged.begin(), damaged.end(), placeholder, '\0');
+        EXPECT_EQ(why, failureReason(damaged));
+        damaged = xml;
+        damaged.replace(damaged.find(placeholder), 1, "&#x00;");
+        EXPECT_EQ(why, failureReason(damaged));
+        Data binary = plist::toBinary(written);
+        std::replace(binary.begin(), binary.end(), uint8_t(placeholder), uint8_t(0));
+        EXPECT_EQ(why, failureReason(std::string(binary.begin(), binary.end())));
+    }
+    // "\xc3\x84Z" is written as UTF-16: its 'Z' unit becomes U+0000.
+    Data binary = plist::toBinary(written);
+    const uint8_t unit[] = {0, 'Z'};
+    auto at = std::search(binary.begin(), binary.end(), std::begin(unit), std::end(unit));
+    ASSERT_NE(binary.end(), at);
+    at[1] = 0;
+    EXPECT_EQ(why, failureReason(std::string(binary.begin(), binary.end())));
+    // Untouched, both forms read back as written; "&#38;" and "&#10;" are no NUL.
+    EXPECT_EQ(written, plist::readBytes(plist::toBinary(written)));
+    std::string references = xml;
+    references.replace(references.find("plain"), 5, "a&#38;b&#10;c");
+    auto read = plist::readBytes(std::span(reinterpret_cast<const uint8_t*>(references.data()), references.size()));
+    ASSERT_TRUE(read && read->dictionary());
+    EXPECT_EQ("a&b\nc", *read->dictionary()->findString("KeyX"));
+}
+
+// Keys and strings are Unicode text: a document whose text is not UTF-8, in either
+// form, is damaged (its writers could not give it back).
+TEST(PropertyList, TextThatIsNotUTF8IsRefused) {
+    Value written(Dictionary{{"KeyX", "plain"}, {"Other", Array{"valueY"}}});
+    for (char placeholder : {'X', 'Y'}) {
+        SCOPED_TRACE(placeholder);
+        std::string xml = plist::toXML(written);
+        std::replace(xml.begin(), xml.end(), placeholder, '\xef');
+        EXPECT_EQ("a string or key is not UTF-8 text", failureReason(xml));
+        Data binary = plist::toBinary(written);
+        std::replace(binary.begin(), binary.end(), uint8_t(placeholder), uint8_t(0xef));
+        EXPECT_EQ("a string or key is not UTF-8 text", failureReason(std::string(binary.begin(), binary.end())));
+    }
+    EXPECT_TRUE(plist::readBytes(plist::toBinary(written)));
 }
 
 TEST(PropertyList, ForeignValuesAreLeftOut) {
