@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "Platform/Path.h"
 #include "Platform/Strings.h"
 
 namespace crateworks {
@@ -20,6 +21,14 @@ std::optional<std::string> relativeString(const platform::URL& url, const platfo
     return u.substr(directory.size());
 }
 
+// The URL names a file: its path ends in a name, not at a folder, ".", ".." or the root.
+// A package is stored under that name beside its product or in a fetch's destination.
+bool namesAFile(const platform::URL& url) {
+    const std::string path = url.path();
+    std::string name = platform::path::lastComponent(path);
+    return !path.empty() && path.back() != '/' && !name.empty() && name != "/" && name != "." && name != "..";
+}
+
 }  // namespace
 
 CWPackageReference::CWPackageReference(platform::Dictionary dictionary, std::optional<platform::URL> baseURL,
@@ -31,7 +40,7 @@ std::shared_ptr<CWPackageReference> CWPackageReference::initWithDictionaryRepres
     const std::string* text = dictionary.findString("URL");
     if (!text || !dictionary.findString("Identifier") || !dictionary.findString("Version")) return nullptr;
     std::optional<platform::URL> url = baseURL ? platform::URL::parse(*text, *baseURL) : platform::URL::parse(*text);
-    if (!url) return nullptr;
+    if (!url || !namesAFile(*url)) return nullptr;
     return std::make_shared<CWPackageReference>(dictionary, baseURL, std::move(*url));
 }
 
@@ -40,7 +49,7 @@ std::shared_ptr<CWPackageReference> CWPackageReference::initWithURL(const platfo
                                                                     const std::string& version, uint64_t fileSize,
                                                                     const std::optional<std::string>& MD5,
                                                                     const std::optional<platform::URL>& baseURL) {
-    if (identifier.empty() || version.empty()) return nullptr;
+    if (identifier.empty() || version.empty() || !namesAFile(URL)) return nullptr;
     std::optional<std::string> relative = baseURL ? relativeString(URL, *baseURL) : std::nullopt;
     platform::Dictionary dictionary;
     dictionary.set("URL", relative ? *relative : URL.absoluteString());

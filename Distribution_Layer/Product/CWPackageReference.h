@@ -16,10 +16,12 @@ namespace crateworks {
 
 class CWPackageReference {
 public:
-    // Null when "URL", "Identifier" or "Version" is missing or is not a string, or the URL does not resolve.
+    // Null when "URL", "Identifier" or "Version" is missing or is not a string, or the URL
+    // does not resolve or names no file (its path ends at a folder, ".", ".." or the root).
     static std::shared_ptr<CWPackageReference> initWithDictionaryRepresentation(
         const platform::Dictionary& dictionary, const std::optional<platform::URL>& baseURL);
-    // Null when the identifier or version is empty. `URL` is stored relative to `baseURL` when it lies below it.
+    // Null when the identifier or version is empty or `URL` names no file. `URL` is stored
+    // relative to `baseURL` when it lies below it.
     static std::shared_ptr<CWPackageReference> initWithURL(const platform::URL& URL, const std::string& identifier,
                                                            const std::string& version, uint64_t fileSize,
                                                            const std::optional<std::string>& MD5,

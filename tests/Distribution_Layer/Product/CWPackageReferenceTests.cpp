@@ -42,6 +42,23 @@ TEST(CWPackageReferenceTests, RequiredKeysAndResolvedURL) {
     EXPECT_FALSE(CWPackageReference::initWithDictionaryRepresentation(noOptional, std::nullopt));
 }
 
+// A package is stored under the last name of its URL's path, beside its product or in
+// a fetch's destination: an index entry whose URL ends at a folder, at the root or at a
+// dot segment names no file, and makes no reference.
+TEST(CWPackageReferenceTests, AURLThatNamesNoFileMakesNoReference) {
+    auto base = url("http://example.com/products/Tools/index.product");
+    for (const char* location : {"http://cdn.example.com/", "http://cdn.example.com/#x.pkg", "Packages/",
+                                 "http://cdn.example.com/a/..", "http://cdn.example.com/a/.", "/", "."}) {
+        SCOPED_TRACE(location);
+        auto reference = CWPackageReference::initWithDictionaryRepresentation(package(location), base);
+        EXPECT_FALSE(reference) << "made a reference to " << reference->URL().absoluteString();
+    }
+    for (const char* location : {"http://cdn.example.com/Tools/", "http://cdn.example.com/"})
+        EXPECT_FALSE(CWPackageReference::initWithURL(url(location), "com.example.tools", "1.0", 0, std::nullopt, base))
+            << location;
+    EXPECT_TRUE(CWPackageReference::initWithDictionaryRepresentation(package("http://cdn.example.com/a/Tools.pkg"), base));
+}
+
 TEST(CWPackageReferenceTests, RelativeAndAbsoluteReferencesThatResolveAlikeAreEqualAndHashAlike) {
     auto base = url("http://example.com/products/Tools/index.product");
     auto relative = CWPackageReference::initWithDictionaryRepresentation(package("Tools.pkg"), base);
