@@ -99,8 +99,7 @@ int pick(Picker& p) {
         fmt::print(stderr, "ferryhold-picker: the mount table cannot be read: {}\n", error.description());
         return kNotChosen;
     }
-    gtk_init();
-    if (!gdk_display_get_default()) {
+    if (!gtk_init_check()) {
         fmt::print(stderr, "ferryhold-picker: no display to show the window on\n");
         return kNotChosen;
     }

@@ -125,6 +125,18 @@ def main():
         env.pop("GTK_A11Y", None)
         env.update(line.split("=", 1) for line in made.stdout.splitlines())
         system = os.path.join(work, "machine", "volumes", "System")
+        # Before any window: a mount table that cannot be read, and no display, each
+        # exit 1 with one line saying so.
+        missing = os.path.join(work, "no-such-table")
+        for extra, drop, said in ((dict(FERRYHOLD_MOUNTINFO=missing), None,
+                                   "ferryhold-picker: the mount table cannot be read: %s: No such file or directory\n" % missing),
+                                  ({}, "DISPLAY", "ferryhold-picker: no display to show the window on\n")):
+            failed_env = dict(env, **extra)
+            if drop:
+                failed_env.pop(drop, None)
+            done = subprocess.run([PICKER], env=failed_env, capture_output=True, text=True, timeout=30)
+            check((done.returncode, done.stdout, done.stderr) == (1, "", said),
+                  "without %s: %r" % (drop or "a mount table", (done.returncode, done.stdout, done.stderr)))
         # The outline: every disk and volume is there with its name; Down selects the
         # first volume and Return chooses it, printing its mount point.
         run(env, ["--target", "10.7"], ["Down", "Return"], 0, system + "\n", every_disk_and_volume)
