@@ -101,6 +101,25 @@ std::optional<SigningInformation> StaticCode::signingInformation(uint32_t flags)
     return information;
 }
 
+namespace {
+
+struct BIOChainDeleter {
+    void operator()(BIO* bio) const { BIO_free_all(bio); }
+};
+
+// The signed bytes as the verifier reads them: a memory BIO behind a buffering filter.
+// Handed a bare memory BIO, the verifier copies it into one of its own, and loses that
+// copy when the signature's content cannot be set up (an unknown digest, say).
+std::unique_ptr<BIO, BIOChainDeleter> contentBIO(std::span<const uint8_t> bytes) {
+    auto memory = detail::memoryBIO(bytes);
+    std::unique_ptr<BIO, BIOChainDeleter> buffer(BIO_new(BIO_f_buffer()));
+    if (!memory || !buffer) return nullptr;
+    BIO_push(buffer.get(), memory.release());
+    return buffer;
+}
+
+}  // namespace
+
 int64_t StaticCode::checkValidity(uint32_t flags) const {
     failedResource_.reset();
     std::string folder = path::appendComponent(path_, kCodeSignatureDirectory);
@@ -108,7 +127,7 @@ int64_t StaticCode::checkValidity(uint32_t flags) const {
     auto signature = fs::readRegularFile(path::appendComponent(folder, kSignatureName));
     if (!resourcesBytes || !signature) return kStatusCodeUnsigned;
     auto cms = readSignature(*signature);
-    auto content = detail::memoryBIO(*resourcesBytes);
+    auto content = contentBIO(*resourcesBytes);
     detail::StorePtr store(X509_STORE_new());
     if (!cms || !content || !store ||
         CMS_verify(cms.get(), nullptr, store.get(), content.get(), nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) !=

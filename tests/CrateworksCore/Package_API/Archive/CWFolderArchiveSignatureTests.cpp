@@ -157,4 +157,18 @@ TEST_F(FolderSignature, AChangedSealFailsBothChecks) {
     EXPECT_EQ(security::kStatusCodeSignatureInvalid, checks().first);
 }
 
+// A signature whose digest algorithm is one no verifier knows is refused by both
+// checks; the ASan build also finds that nothing of the verification is lost.
+TEST_F(FolderSignature, ASignatureNamingAnUnknownDigestIsRefused) {
+    sign();
+    std::string path = folder + "/_CodeSignature/CodeSignature";
+    std::string der = testsupport::readFile(path);
+    const std::string sha256Oid("\x06\x09\x60\x86\x48\x01\x65\x03\x04\x02\x01", 11);
+    size_t at = der.find(sha256Oid);
+    ASSERT_NE(std::string::npos, at);
+    der[at + 2] = '\x72';  // the first arc of the algorithm's OID: no longer SHA-256
+    testsupport::writeFile(path, der);
+    EXPECT_EQ(std::make_pair(security::kStatusCodeSignatureInvalid, security::kStatusCodeSignatureInvalid), checks());
+}
+
 }  // namespace
