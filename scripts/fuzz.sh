@@ -75,11 +75,14 @@ if [ "$mode" = replay ]; then
   exit $failed
 fi
 
-# CPU seconds (user + system) used so far by this shell's finished children.
+# Sets cpu_used to the CPU seconds (user + system) this shell's finished children have
+# used so far; `times` runs in this shell, since a subshell has children of its own.
+times_file=$(mktemp)
+trap 'rm -f "$times_file"' EXIT
 children_cpu() {
-  local line
-  line=$(times | tail -n 1)
-  awk '{ n = 0; for (i = 1; i <= 2; i++) { split($i, t, /[ms]/); n += t[1] * 60 + t[2] } printf "%.0f", n }' <<<"$line"
+  times >"$times_file"
+  cpu_used=$(tail -n 1 "$times_file" |
+    awk '{ n = 0; for (i = 1; i <= 2; i++) { split($i, t, /[ms]/); n += t[1] * 60 + t[2] } printf "%.0f", n }')
 }
 
 mkdir -p fuzz/corpus-work/findings
@@ -90,11 +93,13 @@ for t in "${targets[@]}"; do
   log=fuzz/corpus-work/$t.log
   mkdir -p "$work"
   before=$(find fuzz/corpus-work/findings -name "$t-*" | wc -l)
-  cpu_before=$(children_cpu)
+  children_cpu
+  cpu_before=$cpu_used
   rc=0
   "$build"/bin/"$t" "${common[@]}" -max_total_time="$seconds" -print_final_stats=1 \
     -artifact_prefix=fuzz/corpus-work/findings/"$t"- "$work" fuzz/corpus/"$t" >"$log" 2>&1 || rc=$?
-  cpu=$(( $(children_cpu) - cpu_before ))
+  children_cpu
+  cpu=$((cpu_used - cpu_before))
   execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   # The last status line carries the coverage reached (edges, then features).
   status=$(grep -E '^#[0-9]+' "$log" | tail -n 1 || true)
