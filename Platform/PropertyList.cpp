@@ -1,5 +1,6 @@
 #include "Platform/PropertyList.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -139,7 +140,11 @@ plist_t toNode(const Value& value) {
         return plist_new_data(reinterpret_cast<const char*>(d.data()), d.size());
     }
     case Value::Type::Date: {
+        // The library holds a date as whole seconds from 2001 in 32 bits and microseconds:
+        // a date outside that span is written as the nearest one it holds, and a date that
+        // is not a number as 2001-01-01.
         double t = value.date()->secondsSince1970 - kEpochOffset;
+        t = std::isnan(t) ? 0 : std::clamp(t, double(INT32_MIN), double(INT32_MAX));
         double whole = std::floor(t);
         return plist_new_date(int32_t(whole), int32_t(std::lround((t - whole) * 1e6)));
     }

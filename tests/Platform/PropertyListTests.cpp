@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
@@ -226,6 +227,27 @@ TEST(PropertyList, TextThatIsNotUTF8IsRefused) {
         EXPECT_EQ("a string or key is not UTF-8 text", failureReason(std::string(binary.begin(), binary.end())));
     }
     EXPECT_TRUE(plist::readBytes(plist::toBinary(written)));
+}
+
+// Dates are written as whole seconds from 2001 in 32 bits: one beyond that span is
+// written as the nearest date the forms hold, one that is not a number as 2001-01-01.
+TEST(PropertyList, DatesBeyondWhatTheFormsHoldAreWrittenAsTheNearest) {
+    const double since2001 = 978307200;
+    struct Case {
+        double written, read;
+    };
+    for (Case c : {Case{since2001 + 1e12, since2001 + 2147483647.0}, Case{since2001 - 1e12, since2001 - 2147483648.0},
+                   Case{std::nan(""), since2001}, Case{since2001 + 86400, since2001 + 86400}}) {
+        SCOPED_TRACE(c.written);
+        Value value(Array{Date{c.written}});
+        std::string xml = plist::toXML(value);
+        for (const Data& form : {plist::toBinary(value), Data(xml.begin(), xml.end())}) {
+            auto read = plist::readBytes(form);
+            ASSERT_TRUE(read && read->array() && read->array()->size() == 1);
+            ASSERT_TRUE(read->array()->front().date());
+            EXPECT_DOUBLE_EQ(c.read, read->array()->front().date()->secondsSince1970);
+        }
+    }
 }
 
 TEST(PropertyList, ForeignValuesAreLeftOut) {
