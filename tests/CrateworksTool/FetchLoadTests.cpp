@@ -26,11 +26,24 @@ using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
 
-extern char** environ;
-
 namespace {
 
 const std::string kTool = std::string(FERRYHOLD_BINARY_DIR) + "/crateworks";
+
+// The tool is built like this test. Under a sanitizer the resident size also holds the
+// sanitizer's own state (shadow memory, records of every thread ever made), which grows
+// with the checks run; the bound on it is checked in plain builds only.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
 
 std::string md5(const std::string& bytes) {
     return platform::digest::hex(platform::digest::compute(
@@ -51,17 +64,6 @@ Measured runMeasured(const std::vector<std::string>& arguments, const std::strin
     std::vector<char*> argv;
     for (auto& w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
-    // An address-sanitized build would otherwise hold freed memory in quarantine, and its
-    // resident size would follow everything ever allocated rather than what is live.
-    std::vector<std::string> environment;
-    for (char** e = environ; *e; ++e)
-        if (!std::string_view(*e).starts_with("ASAN_OPTIONS=")) environment.emplace_back(*e);
-    const char* asan = getenv("ASAN_OPTIONS");
-    environment.push_back(std::string("ASAN_OPTIONS=") + (asan ? std::string(asan) + ":" : "") +
-                          "quarantine_size_mb=0:thread_local_quarantine_size_kb=0");
-    std::vector<char*> envp;
-    for (auto& e : environment) envp.push_back(e.data());
-    envp.push_back(nullptr);
     std::string outPath = scratch + "/stdout", errPath = scratch + "/stderr";
 
     Measured result;
@@ -75,7 +77,7 @@ Measured runMeasured(const std::vector<std::string>& arguments, const std::strin
         int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         int in = open("/dev/null", O_RDONLY);
         if (out < 0 || err < 0 || in < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(126);
-        execve(argv[0], argv.data(), envp.data());
+        execv(argv[0], argv.data());
         _exit(127);
     }
     int status = 0;
@@ -170,6 +172,7 @@ TEST_F(FetchLoadTests, FiveHundredPackagesEightAtOnceAllArriveCheckedInFlatMemor
     long peak50 = fetchAll(50);
     if (HasFailure()) return;
     long peak500 = fetchAll(500);
+    if (kSanitized) GTEST_SKIP() << "every package arrived; under a sanitizer the resident size is not the tool's own";
     // Ten times the packages may cost their references, queue elements and lines, not
     // a transfer's buffers or a check's thread each: those would come to several MiB.
     constexpr long kMarginKiB = 4096;
