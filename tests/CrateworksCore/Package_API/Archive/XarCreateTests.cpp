@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <random>
 #include <spawn.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
@@ -18,6 +17,7 @@
 #include <unistd.h>
 
 #include "XarTestSupport.h"
+#include "support/SmallFileSystem.h"
 #include "support/TempDir.h"
 
 using testsupport::readFile;
@@ -357,27 +357,11 @@ TEST(XarCreate, AnInterruptedCreateLeavesTheEarlierArchive) {
     }
 }
 
-// A tmpfs mounted for one test, unmounted whichever way it ends.
-struct SmallFileSystem {
-    std::string dir;
-    bool mounted = false;
-    std::string reason;
-    SmallFileSystem(std::string at, const char* size) : dir(std::move(at)) {
-        std::filesystem::create_directories(dir);
-        std::string options = std::string("size=") + size;
-        mounted = mount("tmpfs", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) == 0;
-        if (!mounted) reason = strerror(errno);
-    }
-    ~SmallFileSystem() {
-        if (mounted) umount2(dir.c_str(), MNT_DETACH);
-    }
-};
-
 TEST(XarCreate, AFullFileSystemLeavesTheEarlierArchiveAndNothingElse) {
     TempDir tmp;
-    SmallFileSystem fs(tmp / "small-fs", "1m");
-    if (!fs.mounted) GTEST_SKIP() << "cannot mount a tmpfs: " << fs.reason;
-    std::string out = fs.dir + "/pkg.xar";
+    testsupport::SmallFileSystem fs(tmp / "small-fs", "1m");
+    if (!fs.mounted()) GTEST_SKIP() << fs.reason();
+    std::string out = fs.path() + "/pkg.xar";
     std::string earlier = smallArchive(tmp, out);
 
     std::string random(4 << 20, '\0');
@@ -396,7 +380,7 @@ TEST(XarCreate, AFullFileSystemLeavesTheEarlierArchiveAndNothingElse) {
     // The archive that could not be written is what the reader needs to hear of.
     EXPECT_NE(std::string::npos, output.find(out)) << output;
     EXPECT_EQ(earlier, readFile(out));
-    EXPECT_EQ(std::vector<std::string>{"pkg.xar"}, entries(fs.dir));
+    EXPECT_EQ(std::vector<std::string>{"pkg.xar"}, entries(fs.path()));
 }
 
 TEST(XarCreate, AnItemThatCannotBeArchivedStopsTheCreateAndNamesIt) {
