@@ -138,14 +138,16 @@ bool writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
     std::string temp = path::appendComponent(dir.empty() ? "." : dir,
                                              "." + path::lastComponent(path) + ".tmp." + std::to_string(getpid()) +
                                                  "." + std::to_string(counter++));
+    // Failures name the file asked for, not the scratch name nobody will see.
+    Error scratchError;
     auto file = File::open(temp,
                            {.access = OpenOptions::Access::Write, .create = true, .exclusive = true,
                             .followFinalLink = false, .mode = 0666},
-                           error);
-    if (!file) return false;
-    if (!file->writeAll(bytes, error) || !file->close(error)) {
+                           &scratchError);
+    if (!file) return fail(error, path, int(scratchError.code));
+    if (!file->writeAll(bytes, &scratchError) || !file->close(&scratchError)) {
         unlink(temp.c_str());
-        return false;
+        return fail(error, path, int(scratchError.code));
     }
     // rename replaces a symbolic link at `path` itself rather than writing through it.
     if (rename(temp.c_str(), path.c_str()) != 0) {

@@ -1,5 +1,7 @@
 #include "FHPathAnalysis/FindSystemFiles/FHSystemPathCache.h"
 
+#include <string_view>
+
 #include "FHPathAnalysis/ConfMigrator/FHConfMigrator.h"
 #include "FHPathAnalysis/FindSystemFiles/FHFindSystemFiles.h"
 #include "Platform/File.h"
@@ -89,10 +91,18 @@ void FHSystemPathCache::write(const std::vector<std::string>& systemPaths) const
     platform::Array paths(systemPaths.begin(), systemPaths.end());
     platform::Dictionary cache{{"systemPaths", std::move(paths)}};
     if (auto version = FHConfMigrator::mostRecentMigrationDataVersion()) cache.set("MigrationDatabaseVersion", *version);
-    if (fs::existsNoFollow(path_) && !fs::removeItem(path_)) return;
+    // A regular file is replaced by the rename that puts the new cache in place, so that
+    // a write that fails (a full disk) leaves the earlier cache; anything else at the
+    // path (a link, a FIFO, an empty directory) goes first. A cache left behind is still
+    // judged by its dates and version before it is believed.
+    const char* type = fs::fileType(path_);
+    if (type && std::string_view(type) != fs::kFileTypeRegular && !fs::removeItem(path_)) return;
     consoleLog("Writing system path cache.");
-    if (!platform::plist::writeXMLFile(platform::Value(std::move(cache)), path_) &&
-        path_.find("Backups.backupdb") == std::string::npos)
-        consoleLog("FSF cache NOT written: " + path_);
+    platform::Error error;
+    if (!platform::plist::writeXMLFile(platform::Value(std::move(cache)), path_, &error)) {
+        if (path_.find("Backups.backupdb") == std::string::npos)
+            consoleLog("FSF cache NOT written: " + error.description());  // the path, then why
+        return;
+    }
     fs::setOwner(path_, 0, 0);
 }

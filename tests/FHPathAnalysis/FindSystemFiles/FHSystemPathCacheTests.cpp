@@ -197,7 +197,7 @@ TEST_F(CacheTest, OnlyTheSuperuserWrites) {
 TEST_F(CacheTest, UnwritableCacheIsReportedExceptInsideABackupStore) {
     stdfs::remove_all(volume_->root() + "/Library/Caches");
     ASSERT_FALSE(answeredFromCache());
-    EXPECT_TRUE(logged("FSF cache NOT written: " + cache_));
+    EXPECT_TRUE(logged("FSF cache NOT written: " + cache_ + ": No such file or directory"));
 
     std::string backup = dir / "Backups.backupdb/host/v";
     stdfs::create_directories(stdfs::path(backup).parent_path());
