@@ -3,8 +3,9 @@
 // Every package goes to DEST under the last component of its URL's path, N at once,
 // through the package downloader: each is written to NAME.partial, checked (its MD5,
 // or by its kind), and only then renamed to NAME. A package that fails is tried once
-// more. One that still fails leaves nothing under its name, except that a transfer cut
-// off midway keeps NAME.partial and NAME.partialState so that the next run resumes it.
+// more. One that still fails leaves NAME as it was (an older copy stays until a new one
+// has passed its check) and no side files, except that a transfer cut off midway keeps
+// NAME.partial and NAME.partialState so that the next run resumes it.
 // SIGINT stops the queue the same way and exits 130.
 #include <algorithm>
 #include <filesystem>
@@ -155,8 +156,8 @@ private:
 
     void _fail(const CWPackageReference& reference, const std::string& why) {
         ++failures_;
-        // Whatever is under the package's name is not the package.
-        platform::fs::removeItem(_path(reference));
+        // Whatever is under the package's name stays: only a package that has passed its
+        // check ever replaces it.
         _printLine(fmt::format("failed\t{}\t{}\t{}", tool::printable(reference.identifier()),
                                tool::printable(fileName(reference)), tool::printable(why)));
     }

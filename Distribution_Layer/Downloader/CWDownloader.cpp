@@ -8,6 +8,7 @@
 #include "CrateworksCore/Package_API/Archive/CWXARArchive.h"
 #include "Distribution_Layer/Downloader/CWURLDownload.h"
 #include "Platform/Digest.h"
+#include "Platform/AtomicFile.h"
 #include "Platform/DiskImageTool.h"
 #include "Platform/Exception.h"
 #include "Platform/FileSystem.h"
@@ -492,8 +493,16 @@ void CWDownloader::_postProcessDownload(const Element& element, bool succeeded,
         _elementDidFailWithError(element, std::nullopt);
         return;
     }
-    platform::fs::removeItem(element->destination());
-    platform::fs::moveItem(element->partialPath(), element->destination());
+    // The checked file takes the package's name in one rename, so that whatever was
+    // there stays until then (and stays when the rename is refused). Only a regular file
+    // is replaced.
+    platform::Error placeError;
+    auto refusal = platform::fs::AtomicFile::refusalFor(element->destination());
+    if (refusal || !platform::fs::moveItem(element->partialPath(), element->destination(), &placeError)) {
+        platform::fs::removeItem(element->partialPath());
+        _elementDidFailWithError(element, refusal.value_or(placeError));
+        return;
+    }
     _queue->removeElement(element, true);
     auto reference = element->packageReference();
     auto local = CWPackageReference::initWithURL(platform::URL::fileURL(element->destination()),
