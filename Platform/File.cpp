@@ -11,6 +11,7 @@
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
 #include "Platform/FileDetail.h"
+#include "Platform/ReadFault.h"
 
 namespace platform::fs {
 
@@ -141,7 +142,27 @@ std::optional<File> File::createTemporary(const std::string& directory, Error* e
 
 bool File::_fail(Error* error, int code) const { return failWith(error, path_, code); }
 
+// How much of a read of `length` bytes at `offset` a fault armed for the file lets
+// through; `failure` is set to the fault's error when the read reaches it, else 0.
+static size_t allowedByFault(const std::optional<ReadFault>& fault, uint64_t offset, size_t length, int* failure) {
+    *failure = 0;
+    if (!fault || length == 0) return length;
+    size_t allowed = offset >= fault->offset ? 0 : size_t(std::min<uint64_t>(length, fault->offset - offset));
+    if (allowed < length) *failure = fault->errorCode;
+    return allowed;
+}
+
 std::optional<size_t> File::read(std::span<uint8_t> buffer, Error* error) {
+    if (auto fault = detail::readFaultFor(path_)) {
+        off_t position = lseek(fd_, 0, SEEK_CUR);
+        int failure = 0;
+        size_t allowed = allowedByFault(fault, uint64_t(std::max<off_t>(position, 0)), buffer.size(), &failure);
+        if (allowed == 0 && failure != 0) {
+            _fail(error, failure);
+            return std::nullopt;
+        }
+        buffer = buffer.first(allowed);
+    }
     for (;;) {
         ssize_t n = ::read(fd_, buffer.data(), std::min(buffer.size(), kMaxTransfer));
         if (n >= 0) return size_t(n);
@@ -152,6 +173,9 @@ std::optional<size_t> File::read(std::span<uint8_t> buffer, Error* error) {
 }
 
 std::optional<size_t> File::readAt(uint64_t offset, std::span<uint8_t> buffer, Error* error) const {
+    int faultFailure = 0;
+    if (auto fault = detail::readFaultFor(path_))
+        buffer = buffer.first(allowedByFault(fault, offset, buffer.size(), &faultFailure));
     size_t done = 0;
     while (done < buffer.size()) {
         ssize_t n = ::pread(fd_, buffer.data() + done, std::min(buffer.size() - done, kMaxTransfer),
@@ -163,6 +187,10 @@ std::optional<size_t> File::readAt(uint64_t offset, std::span<uint8_t> buffer, E
         }
         if (n == 0) break;
         done += size_t(n);
+    }
+    if (faultFailure != 0 && done == buffer.size()) {
+        _fail(error, faultFailure);
+        return std::nullopt;
     }
     return done;
 }

@@ -1,9 +1,11 @@
 #include "Platform/MappedFile.h"
 
+#include <cerrno>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
 #include "Platform/File.h"
+#include "Platform/ReadFault.h"
 
 namespace platform {
 
@@ -13,6 +15,13 @@ std::shared_ptr<MappedFile> MappedFile::open(const std::string& path, Pages page
     struct stat st {};
     if (fstat(file->descriptor(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
     size_t size = size_t(st.st_size);
+    if (auto fault = fs::detail::readFaultFor(path); fault && size > fault->offset) {
+        if (fault->errorCode != 0) {
+            errno = fault->errorCode;
+            return nullptr;
+        }
+        size = size_t(fault->offset);
+    }
     void* data = nullptr;
     if (size > 0) {
         // For a reader that looks at nearly every page, mapping them all at once is cheaper
