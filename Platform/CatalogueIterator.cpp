@@ -16,6 +16,7 @@
 #include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
+#include "Platform/WalkHook.h"
 
 namespace platform {
 
@@ -128,6 +129,7 @@ bool CatalogueIterator::_refill(bool* endOfDirectory) {
 }
 
 void CatalogueIterator::_describe(const char* name, unsigned char type, CatalogueEntry* entry) const {
+    fs::detail::walkReached(name);
     entry->name = name;
     entry->allocatedSize.reset();
     if (type != DT_UNKNOWN && !ignoreEntryTypes.load(std::memory_order_relaxed)) {

@@ -12,6 +12,7 @@
 
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
+#include "Platform/WalkHook.h"
 
 namespace platform {
 
@@ -124,6 +125,7 @@ int ExtractionRoot::_directoryFd(const std::string& relativeDirectory) {
 }
 
 bool ExtractionRoot::makeDirectory(const std::string& relativePath, mode_t mode, Error* error) {
+    fs::detail::walkReached(relativePath);
     if (relativePath.empty()) return true;
     auto [parent, name] = splitParent(relativePath);
     if (!isPlainName(name)) return (error ? (*error = _error(EINVAL, relativePath), false) : false);
@@ -142,6 +144,7 @@ bool ExtractionRoot::makeDirectory(const std::string& relativePath, mode_t mode,
 
 std::optional<ExtractionRoot::PendingFile> ExtractionRoot::createFile(const std::string& relativePath, mode_t mode,
                                                                      Error* error) {
+    fs::detail::walkReached(relativePath);
     auto [parent, name] = splitParent(relativePath);
     if (!isPlainName(name)) {
         if (error) *error = _error(EINVAL, relativePath);
@@ -188,6 +191,7 @@ void ExtractionRoot::discard(PendingFile& file) {
 
 bool ExtractionRoot::writeFile(const std::string& relativePath, std::span<const uint8_t> bytes, mode_t mode,
                                std::optional<Date> modificationDate, Error* error) {
+    fs::detail::walkReached(relativePath);
     auto [parent, name] = splitParent(relativePath);
     int dirFd = isPlainName(name) ? _directoryFd(parent) : (errno = EINVAL, -1);
     if (dirFd < 0) return (error ? (*error = _error(errno, relativePath), false) : false);
@@ -214,6 +218,7 @@ bool ExtractionRoot::writeFile(const std::string& relativePath, std::span<const 
 
 bool ExtractionRoot::makeSymbolicLink(const std::string& relativePath, const std::string& target,
                                       std::optional<Date> modificationDate, Error* error) {
+    fs::detail::walkReached(relativePath);
     auto [parent, name] = splitParent(relativePath);
     int dirFd = isPlainName(name) ? _directoryFd(parent) : (errno = EINVAL, -1);
     if (dirFd < 0) return (error ? (*error = _error(errno, relativePath), false) : false);

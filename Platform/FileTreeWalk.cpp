@@ -1,8 +1,11 @@
 #include "Platform/FileTreeWalk.h"
 
 #include <fts.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <utility>
+
+#include "Platform/WalkHook.h"
 
 namespace platform {
 
@@ -14,6 +17,7 @@ struct FileTreeWalk::State {
     FTS* fts;
     FTSENT* last = nullptr;
     bool finished = false;
+    bool followsLinks = false;
 };
 
 FileTreeWalk::FileTreeWalk(std::unique_ptr<State> state) : state_(std::move(state)) {}
@@ -24,7 +28,8 @@ std::unique_ptr<FileTreeWalk> FileTreeWalk::open(const std::string& path, int op
     // threads and relative paths depend on it.
     FTS* fts = fts_open(paths, options | FTS_NOCHDIR, nullptr);
     if (!fts) return nullptr;
-    return std::unique_ptr<FileTreeWalk>(new FileTreeWalk(std::make_unique<State>(State{fts})));
+    return std::unique_ptr<FileTreeWalk>(
+        new FileTreeWalk(std::make_unique<State>(State{fts, nullptr, false, (options & FTS_LOGICAL) != 0})));
 }
 
 FileTreeWalk::~FileTreeWalk() { fts_close(state_->fts); }
@@ -32,6 +37,20 @@ FileTreeWalk::~FileTreeWalk() { fts_close(state_->fts); }
 std::optional<FileTreeWalk::Entry> FileTreeWalk::read() {
     // fts is not asked again once it has said the walk is over.
     if (state_->finished) return std::nullopt;
+    // fts reads a directory's children by its path when asked for the next entry. A
+    // directory that was replaced since it was looked at (by a symbolic link to somewhere
+    // else, or by another directory) is not descended into: its path no longer leads to
+    // the directory the walk found.
+    FTSENT* last = state_->last;
+    if (last && last->fts_info == FTS_D) {
+        fs::detail::walkReached(std::string_view(last->fts_name, last->fts_namelen));
+        struct stat now {};
+        int looked = state_->followsLinks ? stat(last->fts_accpath, &now) : lstat(last->fts_accpath, &now);
+        // fts keeps the device and inode in the entry itself (its stat buffer is absent
+        // when the walk was opened without one).
+        if (looked != 0 || !S_ISDIR(now.st_mode) || now.st_dev != last->fts_dev || now.st_ino != last->fts_ino)
+            fts_set(state_->fts, last, FTS_SKIP);
+    }
     FTSENT* entry = state_->last = fts_read(state_->fts);
     if (!entry) {
         state_->finished = true;

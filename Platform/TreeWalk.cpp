@@ -10,6 +10,7 @@
 
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
+#include "Platform/WalkHook.h"
 
 namespace platform::fs {
 
@@ -80,6 +81,7 @@ std::optional<TreeWalk::Item> TreeWalk::next(Error* error) {
         item.name = name;
         item.relativePath = level.relativePath.empty() ? name : level.relativePath + "/" + name;
         item.depth = unsigned(levels_.size());
+        detail::walkReached(name);
         // The listing's type where the file system gives one; a look otherwise.
         struct stat st {};
         if (type != DT_UNKNOWN) {
