@@ -233,11 +233,12 @@ void FaultServer::_serve(int fd) {
         head.append(buf, size_t(n));
     }
     std::string path = head.substr(4, head.find(' ', 4) - 4);
-    bool failNow = false;
+    bool failNow = false, stallNow = false;
     {
         std::unique_lock lock(mutex_);
         requests_.push_back(head);
         if (path.starts_with("/flaky/")) failNow = flakyCounts_[path]++ == 0;
+        if (path.starts_with("/stall-once/")) stallNow = flakyCounts_[path]++ == 0;
         if (path.starts_with("/reverse/")) {
             int expected = std::stoi(path.substr(9));
             int arrival = arrivals_[path]++;
@@ -290,7 +291,7 @@ void FaultServer::_serve(int fd) {
         sendAll(fd, rest.substr(0, std::min(cut, rest.size())));
     } else if (path == "/short" && from == 0) {
         sendAll(fd, rest.substr(0, rest.size() / 2));
-    } else if (path == "/stall" && from == 0) {
+    } else if ((path == "/stall" && from == 0) || stallNow) {
         sendAll(fd, rest.substr(0, 1000));
         while (!stopping_) {
             pollfd p{fd, POLLIN, 0};

@@ -45,6 +45,8 @@ private:
 //   /drop/N      the body (with ETag "v1") cut off after N bytes; Range with a matching If-Range honoured
 //   /short       Content-Length of the whole body, but only half of it sent
 //   /stall       headers and 1000 bytes, then nothing until the server stops
+//   /stall-once/KEY  as /stall for the first request of each KEY (whatever its range),
+//                the whole body afterwards
 // Faults hit only requests from byte 0, so that a resumed request completes.
 //   /changing    ETag "vK" for the K-th request, a body that differs by K; If-Range never matches
 //   /flaky/KEY   500 with an empty body for the first request of each KEY, the body afterwards
