@@ -44,3 +44,32 @@ TEST(PdExtraKeepPaths, VolumeWithoutReceiptsPrintsNothing) {
     EXPECT_EQ("", runTool(dir.path(), &status));
     EXPECT_EQ(0, status);
 }
+
+// A BOM damaged inside a configuration folder is left out whole, files of its other
+// folder included: what its walk reported before the damage is not believed. The other
+// receipts still count.
+TEST(PdExtraKeepPaths, ABOMDamagedInsideAConfigurationFolderIsLeftOutWhole) {
+    TempDir dir;
+    VolumeBuilder volume(dir / "v");
+    volume.package("com.quarn.pkg.BSD").file("/private/etc/kept.conf", 0, {.text = "original\n"});
+    volume.package("com.quarn.pkg.Damaged")
+        .file("/Library/Preferences/damaged-pkg.plist", 0, {.text = "<plist/>"})
+        .file("/private/etc/zz-broken.conf", 0, {.text = "original\n"});
+    volume.build();
+    for (const char* file : {"/private/etc/kept.conf", "/private/etc/zz-broken.conf"})
+        writeFile(volume.pathOf(file), "changed\n");
+    writeFile(volume.pathOf("/Library/Preferences/damaged-pkg.plist"), "<plist>changed</plist>");
+
+    int status = -1;
+    EXPECT_EQ("/Library/Preferences/damaged-pkg.plist\n/private/etc/kept.conf\n/private/etc/zz-broken.conf\n",
+              runTool(volume.root(), &status));
+    // A separator inside a stored name is damage that a walk of /private/etc reaches.
+    std::string bom = volume.pathOf("/private/var/db/receipts/com.quarn.pkg.Damaged.bom");
+    std::string bytes = readFile(bom);
+    size_t at = bytes.find(std::string("zz-broken.conf\0", 15));
+    ASSERT_NE(std::string::npos, at);
+    bytes[at + 2] = '/';
+    writeFile(bom, bytes);
+    EXPECT_EQ("/private/etc/kept.conf\n", runTool(volume.root(), &status));
+    EXPECT_EQ(0, status);
+}
