@@ -135,3 +135,29 @@ TEST_F(FinderTest, PathHelpers) {
     EXPECT_TRUE(FHFindSystemFiles::_looksLikeBundleDirectory("/A/B.app"));
     EXPECT_FALSE(FHFindSystemFiles::_looksLikeBundleDirectory("/A.d/B"));
 }
+
+// A system receipt whose BOM turns out damaged part way through its walk gives none of
+// its paths, those it gave before the damage included; the others still count.
+TEST_F(FinderTest, BOMDamagedPartWayGivesNoneOfItsPaths) {
+    bundle.setExclusionList({}, {}, {"/usr"}, {});
+    VolumeBuilder volume(dir / "v");
+    saneSystem(volume, {"/usr/bin/ls.x"});
+    volume.package("com.quarn.pkg.Extra")
+        .groups({kSystemGroup})
+        .entry("/usr/share", "dir")
+        .entry("/usr/share/a.txt", "file")
+        .entry("/usr/zz-bad.x", "file");
+    volume.build();
+    EXPECT_EQ((Paths{"/usr/bin", "/usr/share", "/usr/zz-bad.x"}), withoutFixedEntries(find(volume.root())));
+
+    // A separator inside a stored name is damage that the walk reaches after /usr/share.
+    std::string bom = volume.pathOf("/private/var/db/receipts/com.quarn.pkg.Extra.bom");
+    std::string bytes = testsupport::readFile(bom);
+    size_t at = bytes.find(std::string("zz-bad.x\0", 9));
+    ASSERT_NE(std::string::npos, at);
+    bytes[at + 2] = '/';
+    testsupport::writeFile(bom, bytes);
+    console.clear();
+    EXPECT_EQ((Paths{"/usr/bin"}), withoutFixedEntries(find(volume.root())));
+    EXPECT_TRUE(logged("WARNING: the BOM of com.quarn.pkg.Extra is damaged; none of its paths are taken"));
+}
