@@ -1,5 +1,12 @@
 # Symbols a shared library keeps to itself.
 #
+# The platform library keeps its detail namespaces (platform::fs::detail,
+# platform::plist::detail, platform::security::detail: what its own files share, the
+# OpenSSL handles among them) local under a version script.
+set(FERRYHOLD_PLATFORM_MAP ${CMAKE_SOURCE_DIR}/cmake/ferryhold-platform.map)
+target_link_options(Platform PRIVATE "LINKER:--version-script=${FERRYHOLD_PLATFORM_MAP}")
+set_property(TARGET Platform APPEND PROPERTY LINK_DEPENDS ${FERRYHOLD_PLATFORM_MAP})
+
 # The XAR codec (CrateworksCore/Package_API/Archive/xar) belongs to the Crateworks
 # library: the CW archive classes are its public face. Its objects move into a static
 # library, CrateworksXar, which Crateworks links under a version script that keeps every
