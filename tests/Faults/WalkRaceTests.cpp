@@ -92,8 +92,10 @@ TEST(WalkRace, SizingNeverCountsWhatADirectoryTurnedLinkPointsAt) {
 
 TEST(WalkRace, TheUserPathWalkDoesNotDescendIntoADirectoryThatChanged) {
     Fixture f;
+    // The walk keeps references to its path lists: they outlive it here.
+    const FHUserPathWalk::PathList systemPaths, omittingPaths;
     auto walk = [&] {
-        FHUserPathWalk walk(f.root, "/a", {}, {"/a/victim"}, {}, {});
+        FHUserPathWalk walk(f.root, "/a", systemPaths, {"/a/victim"}, {}, omittingPaths);
         EXPECT_TRUE(walk.run());
         auto kept = walk.result();
         std::sort(kept.begin(), kept.end());
