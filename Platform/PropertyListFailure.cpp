@@ -138,6 +138,11 @@ std::optional<std::string> structuralFailure(const xmlNode* node) {
     return std::nullopt;
 }
 
+// The library reports encoding errors through its generic handler (standard error),
+// whatever the parser's options say; while a document is examined they are dropped, as
+// the first error is what the failure reason gives.
+void dropGenericError(void*, const char*, ...) {}
+
 std::string xmlFailure(std::span<const uint8_t> bytes) {
     static std::once_flag initialised;
     std::call_once(initialised, [] { xmlInitParser(); });
@@ -146,9 +151,13 @@ std::string xmlFailure(std::span<const uint8_t> bytes) {
     FirstError first;
     parser->_private = &first;
     parser->sax->serror = keepFirstError;
+    xmlGenericErrorFunc previousHandler = xmlGenericError;
+    void* previousContext = xmlGenericErrorContext;
+    xmlSetGenericErrorFunc(nullptr, dropGenericError);
     std::unique_ptr<xmlDoc, DocumentDeleter> document(
         xmlCtxtReadMemory(parser.get(), reinterpret_cast<const char*>(bytes.data()), int(bytes.size()), nullptr,
                           nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_BIG_LINES));
+    xmlSetGenericErrorFunc(previousContext, previousHandler);
     if (first.seen && (!document || !parser->wellFormed)) {
         std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         return fmt::format("XML error at line {}, column {} (byte {}): {}", first.line, first.column,
