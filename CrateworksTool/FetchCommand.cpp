@@ -205,8 +205,8 @@ int fail(const std::string& what, const std::string& why) {
     return 1;
 }
 
-// The packages to fetch, each once. Absent, with a message printed, when a package's
-// file name cannot be used, two different packages would share one, or a product from
+// The packages to fetch, each once. Absent, with a message printed, when there are none,
+// when a package's file name cannot be used, two different packages would share one, or a product from
 // the network names a file on this machine.
 std::optional<std::vector<Reference>> packagesToFetch(const crateworks::CWProduct& product) {
     std::vector<Reference> packages;
@@ -239,6 +239,12 @@ std::optional<std::vector<Reference>> packagesToFetch(const crateworks::CWProduc
         }
         for (const std::string& taken : {name, name + ".partial", name + ".partialState"}) byName[taken] = reference;
         packages.push_back(reference);
+    }
+    // The library leaves out index entries that make no reference (no URL, or one that
+    // names no file): a product left with nothing is refused rather than fetched as empty.
+    if (packages.empty()) {
+        fail(product.URL().absoluteString(), "lists no package that can be fetched");
+        return std::nullopt;
     }
     return packages;
 }
