@@ -37,10 +37,7 @@ print(json.dumps(doc, sort_keys=True))
 class VolumesCommandTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        bundle.setVersion("MigrationData", "10.7.0");
-        bundle.setExclusionList({}, {}, {}, {});
-        bundle.setSystemReceiptPatterns({});
-        bundle.setPrinterPackages({});
+        bundle.setEmptyRuleData();
         writeFile(dir / "reader.py", kReader);
     }
 

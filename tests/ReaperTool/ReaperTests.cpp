@@ -30,10 +30,7 @@ struct Outcome {
 class ReaperTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        bundle.setVersion("MigrationData", "10.7.0");
-        bundle.setExclusionList({}, {}, {}, {});
-        bundle.setSystemReceiptPatterns({});
-        bundle.setPrinterPackages({});
+        bundle.setEmptyRuleData();
         // Readable by the ordinary user that some runs switch to.
         chmod(dir.path().c_str(), 0755);
         chmod(std::filesystem::path(bundle.path()).parent_path().c_str(), 0755);

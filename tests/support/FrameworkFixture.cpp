@@ -65,6 +65,13 @@ void FrameworkFixture::setFallbackSystemPaths(const std::vector<std::string>& pa
     writePlist("FallbackSystemFiles.plist", platform::Value(platform::Dictionary{{"systemPaths", stringArray(paths)}}));
 }
 
+void FrameworkFixture::setEmptyRuleData() const {
+    setVersion("MigrationData", "10.7.0");
+    setExclusionList({}, {}, {}, {});
+    setSystemReceiptPatterns({});
+    setPrinterPackages({});
+}
+
 void FrameworkFixture::copyShippedResources() const {
     std::filesystem::copy(std::string(FERRYHOLD_TEST_FRAMEWORK_DIR) + "/Resources", resources(),
                           std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing);

@@ -36,6 +36,10 @@ public:
     void setPrinterPackages(const std::vector<std::string>& identifiers) const;
     void setFallbackSystemPaths(const std::vector<std::string>& paths) const;
 
+    // Rule data of version 10.7.0 and empty exclusion, receipt and printer lists: a
+    // bundle under which an analysis sees only what a test's volume holds.
+    void setEmptyRuleData() const;
+
     // Copies the shipped resources of the build tree into this bundle.
     void copyShippedResources() const;
 

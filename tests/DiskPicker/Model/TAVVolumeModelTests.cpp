@@ -21,10 +21,7 @@ namespace {
 class VolumeModelTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        bundle.setVersion("MigrationData", "10.7.0");
-        bundle.setExclusionList({}, {}, {}, {});
-        bundle.setSystemReceiptPatterns({});
-        bundle.setPrinterPackages({});
+        bundle.setEmptyRuleData();
     }
 
     std::shared_ptr<TAVVolumeModel> model(TAVInstallRequest request = {}, platform::Error* error = nullptr) {

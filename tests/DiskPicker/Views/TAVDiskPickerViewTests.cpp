@@ -65,10 +65,7 @@ protected:
     static void SetUpTestSuite() { ASSERT_TRUE(gtk_init_check()) << "no display"; }
 
     void SetUp() override {
-        bundle.setVersion("MigrationData", "10.7.0");
-        bundle.setExclusionList({}, {}, {}, {});
-        bundle.setSystemReceiptPatterns({});
-        bundle.setPrinterPackages({});
+        bundle.setEmptyRuleData();
     }
 
     std::shared_ptr<TAVVolumeModel> model(TAVInstallRequest request = {"10.7", std::nullopt}) {

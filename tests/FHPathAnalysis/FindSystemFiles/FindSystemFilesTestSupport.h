@@ -24,10 +24,7 @@ protected:
     void SetUp() override {
         crateworks::CWReceipt::_clearCache();
         detail::resetPackageDataPathsForTesting();
-        bundle.setVersion("MigrationData", "10.7.0");
-        bundle.setExclusionList({}, {}, {}, {});
-        bundle.setSystemReceiptPatterns({});
-        bundle.setPrinterPackages({});
+        bundle.setEmptyRuleData();
         oldConsole_ = platform::setConsoleSink([this](std::string_view m) { console.emplace_back(m); });
         oldSystem_ = platform::setSystemLogSink([](int, std::string_view) {});
     }
