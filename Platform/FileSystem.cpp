@@ -121,7 +121,7 @@ std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& p
 }
 
 std::optional<Data> readFile(const std::string& path, Error* error) {
-    auto file = File::open(path, {}, error);
+    auto file = File::open(path, {.regularFile = true}, error);
     if (!file) return std::nullopt;
     return file->readToEnd(error);
 }
@@ -190,7 +190,9 @@ std::optional<Date> modificationDateFollowingLinks(const std::string& path) {
 
 bool readInChunks(const std::string& path, size_t chunkSize,
                   const std::function<bool(std::span<const uint8_t> chunk)>& consume, Error* error) {
-    auto file = File::open(path, {}, error);
+    // Only a regular file is read: a FIFO or a device planted where a checksum is taken
+    // would otherwise block or never end.
+    auto file = File::open(path, {.regularFile = true}, error);
     if (!file) return false;
     posix_fadvise(file->descriptor(), 0, 0, POSIX_FADV_SEQUENTIAL);
     std::vector<uint8_t> buffer(std::max<size_t>(chunkSize, 1));

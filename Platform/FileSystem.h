@@ -90,7 +90,8 @@ std::optional<uint64_t> fileSize(const std::string& path);
 std::optional<Date> modificationDateFollowingLinks(const std::string& path);
 // Reads a file front to back in pieces of at most `chunkSize` bytes, reusing one buffer,
 // and hands each to `consume`, which answers false to stop early. False (with the error)
-// when the file cannot be opened or read; true at the end or when stopped.
+// when the file cannot be opened or read, or is not a regular file (refused without
+// blocking); true at the end or when stopped.
 bool readInChunks(const std::string& path, size_t chunkSize,
                   const std::function<bool(std::span<const uint8_t> chunk)>& consume, Error* error = nullptr);
 bool createDirectories(const std::string& path, mode_t mode = 0755, Error* error = nullptr);

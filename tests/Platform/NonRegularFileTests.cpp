@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "Platform/Checksum.h"
+#include "Platform/Digest.h"
 #include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/MappedFile.h"
@@ -52,6 +54,10 @@ TEST(NonRegularFiles, EveryPlatformReaderRefusesWithoutBlocking) {
         EXPECT_EQ(resultWithin(kDeadline, [&] { return !plist::readFile(path) && !plist::readDictionaryFile(path); }),
                   true);
         EXPECT_EQ(resultWithin(kDeadline, [&] { return MappedFile::open(path) == nullptr; }), true);
+        // Checksums and digests of a volume's files (receipts, incompatible applications,
+        // the rule tool's configuration files) and of downloaded packages.
+        EXPECT_EQ(resultWithin(kDeadline, [&] { return !checksum::ofFile(path); }), true);
+        EXPECT_EQ(resultWithin(kDeadline, [&] { return !digest::ofFile(digest::Algorithm::SHA1, path); }), true);
     }
     // Not followed when asked not to be, whatever it points at; a directory is named as such.
     EXPECT_EQ(openCode(dir / "link-to-fifo", {.followFinalLink = false, .regularFile = true}), ELOOP);
@@ -69,5 +75,6 @@ TEST(NonRegularFiles, EveryPlatformReaderRefusesWithoutBlocking) {
         auto mapped = MappedFile::open(path);
         ASSERT_TRUE(mapped) << path;
         EXPECT_EQ(mapped->bytes().size(), testsupport::readFile(dir / "real.plist").size());
+        EXPECT_TRUE(checksum::ofFile(path)) << path;
     }
 }
