@@ -101,12 +101,8 @@ std::shared_ptr<crateworks::CWDownload> resumed(const platform::URL& url, const 
     auto data = platform::fs::readFile(state);
     platform::fs::removeItem(state);
     if (!data || !platform::fs::exists(partial)) return nullptr;
-    auto download = crateworks::CWDownload::downloadWithResumeData(*data, partial, transfer);
+    auto download = crateworks::CWDownload::downloadWithResumeData(*data, partial, transfer, url);
     if (!download) return nullptr;
-    if (!(download->sourceURL() == url)) {
-        download->cancel();
-        return nullptr;
-    }
     download->setDelegate(transfer);
     download->setDeletesFileUponFailure(false);
     return download;

@@ -41,6 +41,27 @@ std::shared_ptr<CWDownload> CWDownload::downloadWithResumeData(const platform::D
     return chosen ? chosen->initWithResumeData(data, destination, delegate) : nullptr;
 }
 
+std::shared_ptr<CWDownload> CWDownload::downloadWithResumeData(const platform::Data& data,
+                                                               const std::string& destination,
+                                                               CWDownloadDelegate* delegate,
+                                                               const platform::URL& source) {
+    const CWDownloadClass* chosen = nullptr;
+    for (const auto& c : _downloadClasses())
+        if (c.canDownloadWithResumeData(data)) chosen = &c;
+    if (!chosen) return nullptr;
+    if (chosen->sourceURLOfResumeData) {
+        auto named = chosen->sourceURLOfResumeData(data);
+        if (!named || !(*named == source)) return nullptr;
+    }
+    auto download = chosen->initWithResumeData(data, destination, delegate);
+    if (download && !(download->sourceURL() == source)) {
+        download->setDelegate(nullptr);
+        download->cancel();
+        return nullptr;
+    }
+    return download;
+}
+
 void CWDownload::cancel() { notImplemented("cancel"); }
 std::string CWDownload::sourcePath() const { notImplemented("sourcePath"); }
 platform::URL CWDownload::sourceURL() const { notImplemented("sourceURL"); }

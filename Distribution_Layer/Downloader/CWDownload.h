@@ -24,6 +24,9 @@ struct CWDownloadClass {
     std::shared_ptr<CWDownload> (*initWithURL)(const platform::URL& url, CWDownloadDelegate* delegate);
     std::shared_ptr<CWDownload> (*initWithResumeData)(const platform::Data& data, const std::string& destination,
                                                       CWDownloadDelegate* delegate);
+    // The source that resume data names, for a class whose resumed download starts work
+    // at once; null for a class that does nothing before it is asked to.
+    std::optional<platform::URL> (*sourceURLOfResumeData)(const platform::Data& data) = nullptr;
 };
 
 // Key and values of the "Resume Data Type" entry every class's resume data carries.
@@ -45,6 +48,14 @@ public:
     static std::shared_ptr<CWDownload> downloadWithResumeData(const platform::Data& data,
                                                               const std::string& destination,
                                                               CWDownloadDelegate* delegate);
+    // The same, for resume data found beside a partial file of `source`: null when the data
+    // names another source. Resume data is only as trustworthy as the folder it lies in, so
+    // a class that would start work at once is judged before it is made, and the others
+    // by the download's source once made (that download is cancelled).
+    static std::shared_ptr<CWDownload> downloadWithResumeData(const platform::Data& data,
+                                                              const std::string& destination,
+                                                              CWDownloadDelegate* delegate,
+                                                              const platform::URL& source);
 
     // Abstract: each raises "Method Not Implemented In Subclass".
     virtual void cancel();

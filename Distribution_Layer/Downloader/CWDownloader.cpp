@@ -265,17 +265,13 @@ void CWDownloader::_startDownloadForQueueElement(const Element& element) {
     if (platform::fs::existsNoFollow(element->resumeDataPath())) {
         auto data = platform::fs::readFile(element->resumeDataPath());
         platform::fs::removeItem(element->resumeDataPath());
-        auto resumed = data ? CWDownload::downloadWithResumeData(*data, element->partialPath(), this) : nullptr;
-        if (resumed && resumed->sourceURL() == url) {
+        auto resumed = data ? CWDownload::downloadWithResumeData(*data, element->partialPath(), this, url) : nullptr;
+        if (resumed) {
             // Not every kind of download keeps the delegate it was made with.
             resumed->setDelegate(this);
             resumed->setDeletesFileUponFailure(false);
             element->setDownload(resumed);
             return;
-        }
-        if (resumed) {
-            resumed->setDelegate(nullptr);
-            resumed->cancel();
         }
         _queue->revertElement(element, true);
     }

@@ -41,7 +41,15 @@ CWDownloadClass CWFileDownload::downloadClass() {
         },
         [](const platform::Data& data, const std::string& dst, CWDownloadDelegate* d) -> std::shared_ptr<CWDownload> {
             return initWithResumeData(data, dst, d);
-        }};
+        },
+        &CWFileDownload::sourceURLOfResumeData};
+}
+
+std::optional<platform::URL> CWFileDownload::sourceURLOfResumeData(const platform::Data& data) {
+    auto dictionary = _resumeDictionary(data, kCWFileDownloadResumeType);
+    const std::string* source = dictionary ? dictionary->findString(kSourcePathKey) : nullptr;
+    if (!source || source->empty()) return std::nullopt;
+    return platform::URL::fileURL(*source);
 }
 
 bool CWFileDownload::canDownloadWithResumeData(const platform::Data& data) {
@@ -151,6 +159,7 @@ void CWFileDownload::_fileCopyThread(const std::shared_ptr<platform::RunLoop>& l
                                          .create = true,
                                          .truncate = _overwriteIfFileExists,
                                          .append = _isResume,
+                                         .followFinalLink = false,
                                          .mode = 0644},
                                         &error);
     if (!out) {

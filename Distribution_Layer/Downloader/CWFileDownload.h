@@ -38,6 +38,8 @@ public:
     static CWDownloadClass downloadClass();
     static bool canDownloadURL(const platform::URL& url) { return url.isFileURL(); }
     static bool canDownloadWithResumeData(const platform::Data& data);
+    // The file URL of the "Source Path" that this class's resume data names.
+    static std::optional<platform::URL> sourceURLOfResumeData(const platform::Data& data);
 
     // Keeps the URL's path; the copy starts once the destination is set.
     static std::shared_ptr<CWFileDownload> initWithURL(const platform::URL& url, CWDownloadDelegate* delegate);

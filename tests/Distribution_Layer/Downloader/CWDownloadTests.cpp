@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "Distribution_Layer/Downloader/CWFileDownload.h"
 #include "Distribution_Layer/Downloader/CWSecureURLDownload.h"
@@ -169,6 +170,47 @@ TEST(CWDownloadTests, FileResumeDataIsCheckedAgainstTheDestination) {
     // The copy appends from the source's first byte: a kept quirk of this class.
     EXPECT_EQ(readFile(dir / "dst"), "012340123456789");
     EXPECT_EQ(soFar(*download->resumeData()), 15);
+}
+
+// Resume data lies beside the partial file, where whoever can write that folder can plant
+// it. Naming another source than the one being fetched, it starts nothing: not one byte
+// of that source reaches the partial file. And the copy never writes through a link.
+TEST(CWDownloadTests, ResumeDataNamingAnotherSourceStartsNothing) {
+    TempDir dir;
+    writeFile(dir / "package", "the package");
+    writeFile(dir / "secret", "not for the partial file");
+    writeFile(dir / "partial", "");
+    auto naming = [&](const std::string& source) {
+        return platform::plist::toBinary(platform::Value(platform::Dictionary{
+            {"Resume Data Type", "CWFileDownload"}, {"Source Path", source}, {"Downloaded So Far", int64_t(0)}}));
+    };
+    EXPECT_EQ(CWFileDownload::sourceURLOfResumeData(naming(dir / "secret")), URL::fileURL(dir / "secret"));
+    RecordingDelegate delegate;
+    EXPECT_EQ(CWDownload::downloadWithResumeData(naming(dir / "secret"), dir / "partial", &delegate,
+                                                 URL::fileURL(dir / "package")),
+              nullptr);
+    platform::RunLoop::current()->runFor(0.2);
+    EXPECT_EQ(readFile(dir / "partial"), "");
+    EXPECT_TRUE(delegate.events.empty());
+
+    // The right source continues (from its first byte, as every file resume does).
+    auto download = CWDownload::downloadWithResumeData(naming(dir / "package"), dir / "partial", &delegate,
+                                                       URL::fileURL(dir / "package"));
+    ASSERT_NE(download, nullptr);
+    delegate.wait();
+    EXPECT_EQ(readFile(dir / "partial"), "the package");
+
+    // A partial file that is a link to another file of the same size is not written through.
+    writeFile(dir / "victim", "");
+    ASSERT_EQ(symlink((dir / "victim").c_str(), (dir / "linked").c_str()), 0);
+    RecordingDelegate linked;
+    auto throughLink = CWDownload::downloadWithResumeData(naming(dir / "package"), dir / "linked", &linked,
+                                                          URL::fileURL(dir / "package"));
+    ASSERT_NE(throughLink, nullptr);
+    linked.wait();
+    EXPECT_EQ(readFile(dir / "victim"), "");
+    ASSERT_TRUE(linked.error);
+    EXPECT_EQ(linked.error->code, kCWFileDownloadCannotOpenDestination);
 }
 
 TEST(CWDownloadTests, EachClassRefusesTheOthersResumeData) {
