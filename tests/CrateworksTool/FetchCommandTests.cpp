@@ -12,11 +12,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Digest.h"
 #include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
 #include "TestServers.h"
+#include "ToolRun.h"
 #include "support/TempDir.h"
 #include "support/TestPKI.h"
 
@@ -34,10 +34,7 @@ namespace {
 
 const std::string kTool = std::string(FERRYHOLD_BINARY_DIR) + "/crateworks";
 
-std::string md5(const std::string& bytes) {
-    return platform::digest::hex(platform::digest::compute(
-        platform::digest::Algorithm::MD5, std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())));
-}
+using tooltest::md5;
 
 size_t count(const std::string& haystack, const std::string& needle) {
     size_t n = 0;

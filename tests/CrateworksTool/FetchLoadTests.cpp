@@ -16,9 +16,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Digest.h"
 #include "Platform/PropertyList.h"
 #include "TestServers.h"
+#include "ToolRun.h"
 #include "support/TempDir.h"
 
 using downloadtests::NginxServer;
@@ -45,10 +45,7 @@ constexpr bool kSanitized = false;
 constexpr bool kSanitized = false;
 #endif
 
-std::string md5(const std::string& bytes) {
-    return platform::digest::hex(platform::digest::compute(
-        platform::digest::Algorithm::MD5, std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())));
-}
+using tooltest::md5;
 
 struct Measured {
     int status = -1;   // the exit status, or 128 + the signal that ended it

@@ -11,7 +11,6 @@
 #include <random>
 #include <sys/mount.h>
 
-#include "Platform/Digest.h"
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
 #include "TestServers.h"
@@ -49,10 +48,7 @@ std::vector<std::string> tree(const std::string& root) {
     return names;
 }
 
-std::string md5(const std::string& bytes) {
-    return platform::digest::hex(platform::digest::compute(
-        platform::digest::Algorithm::MD5, std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())));
-}
+using tooltest::md5;
 
 // Equal bytes, without printing a package's worth of them when they differ.
 ::testing::AssertionResult sameBytes(const std::string& expected, const std::string& actual) {
@@ -168,15 +164,8 @@ TEST_F(FullDiskTransfers, FetchKeepsWhatIsUnderThePackagesNameUntilANewOnePasses
     if (!mountSmall("1m")) GTEST_SKIP() << small->reason();
     std::string body = FaultServer::body(1);
     std::string root = nginx.root() + "/files/full";
-    platform::Array list{platform::Dictionary{{"URL", faults.url("/p/pkg.bin")},
-                                              {"Identifier", "com.example.pkg"},
-                                              {"Version", "1.0"},
-                                              {"Size", platform::Value(int64_t(body.size()))},
-                                              {"MD5", md5(body)}}};
-    std::filesystem::create_directories(root);
-    ASSERT_TRUE(platform::plist::writeXMLFile(
-        platform::Value(platform::Dictionary{{"ProductIdentifier", "com.example.full"}, {"Packages", list}}),
-        root + "/index.product"));
+    ASSERT_TRUE(tooltest::writeOnePackageProduct(root, "com.example.full", faults.url("/p/pkg.bin"),
+                                                 "com.example.pkg", body));
     std::string dest = small->path() + "/dest";
     writeFile(dest + "/pkg.bin", "an older pkg.bin\n");
     leaveRoom(100'000);

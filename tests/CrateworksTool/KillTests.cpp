@@ -12,7 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Digest.h"
 #include "Platform/File.h"
 #include "Platform/FileSystem.h"
 #include "Platform/PropertyList.h"
@@ -29,10 +28,7 @@ using testsupport::writeFile;
 
 namespace {
 
-std::string md5(const std::string& bytes) {
-    return platform::digest::hex(platform::digest::compute(
-        platform::digest::Algorithm::MD5, std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())));
-}
+using tooltest::md5;
 
 // Equal bytes, without printing a package's worth of them when they differ.
 ::testing::AssertionResult sameBytes(const std::string& expected, const std::string& actual) {
@@ -83,6 +79,20 @@ protected:
             return ::testing::AssertionFailure() << "not killed: status " << status;
         return ::testing::AssertionSuccess();
     }
+
+    // The same download of /stall-once/out.bin run again after a kill: it completes, leaves
+    // nothing beside DEST, and (its resume state being gone or unusable) does not trust the
+    // partial file: the second request asks for the body from byte 0.
+    void expectRerunStartsOver(const std::string& dest) {
+        auto run = tooltest::run("crateworks", {"download", faults.url("/stall-once/out.bin"), dest}, dir / "stderr");
+        EXPECT_EQ(0, run.status) << run.err;
+        EXPECT_TRUE(sameBytes(FaultServer::body(1), readFile(dest)));
+        EXPECT_FALSE(exists(dest + ".partial"));
+        EXPECT_FALSE(exists(dest + ".partialState"));
+        auto heads = faults.requests();
+        ASSERT_EQ(2u, heads.size());
+        EXPECT_EQ(std::string::npos, heads[1].find("Range:")) << heads[1];
+    }
 };
 
 }  // namespace
@@ -95,15 +105,7 @@ TEST_F(Kill, DownloadKilledMidwayLeavesTheEarlierFileAndARerunBringsItWhole) {
     // No state survives a SIGKILL: the partial file is all there is.
     EXPECT_FALSE(exists(dest + ".partialState"));
 
-    auto run = tooltest::run("crateworks", {"download", faults.url("/stall-once/out.bin"), dest}, dir / "stderr");
-    EXPECT_EQ(0, run.status) << run.err;
-    EXPECT_TRUE(sameBytes(FaultServer::body(1), readFile(dest)));
-    EXPECT_FALSE(exists(dest + ".partial"));
-    EXPECT_FALSE(exists(dest + ".partialState"));
-    auto heads = faults.requests();
-    ASSERT_EQ(2u, heads.size());
-    // Without its state the partial file is not trusted: the body comes again from byte 0.
-    EXPECT_EQ(std::string::npos, heads[1].find("Range:")) << heads[1];
+    expectRerunStartsOver(dest);
 }
 
 TEST_F(Kill, AResumeStateCutShortByAKillIsNotTrusted) {
@@ -112,28 +114,14 @@ TEST_F(Kill, AResumeStateCutShortByAKillIsNotTrusted) {
     std::string dest = dir / "out.bin";
     ASSERT_TRUE(killWhenWritten({"download", faults.url("/stall-once/out.bin"), dest}, dest + ".partial", 1000));
     writeFile(dest + ".partialState", "bplist00\xd1\x01\x02");
-    auto run = tooltest::run("crateworks", {"download", faults.url("/stall-once/out.bin"), dest}, dir / "stderr");
-    EXPECT_EQ(0, run.status) << run.err;
-    EXPECT_TRUE(sameBytes(FaultServer::body(1), readFile(dest)));
-    EXPECT_FALSE(exists(dest + ".partial"));
-    EXPECT_FALSE(exists(dest + ".partialState"));
-    auto heads = faults.requests();
-    ASSERT_EQ(2u, heads.size());
-    EXPECT_EQ(std::string::npos, heads[1].find("Range:")) << heads[1];
+    expectRerunStartsOver(dest);
 }
 
 TEST_F(Kill, FetchKilledMidwayKeepsWhatIsThereAndARerunBringsThePackageWhole) {
     std::string body = FaultServer::body(1);
     std::string root = nginx.root() + "/files/killed";
-    platform::Array list{platform::Dictionary{{"URL", faults.url("/stall-once/stall")},
-                                              {"Identifier", "com.example.stall"},
-                                              {"Version", "1.0"},
-                                              {"Size", platform::Value(int64_t(body.size()))},
-                                              {"MD5", md5(body)}}};
-    std::filesystem::create_directories(root);
-    ASSERT_TRUE(platform::plist::writeXMLFile(
-        platform::Value(platform::Dictionary{{"ProductIdentifier", "com.example.killed"}, {"Packages", list}}),
-        root + "/index.product"));
+    ASSERT_TRUE(tooltest::writeOnePackageProduct(root, "com.example.killed", faults.url("/stall-once/stall"),
+                                                 "com.example.stall", body));
     std::string url = nginx.url("/files/killed/");
     std::string dest = dir / "dest";
     writeFile(dest + "/stall", "an older package\n");

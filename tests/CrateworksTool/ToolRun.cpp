@@ -1,7 +1,10 @@
 #include "ToolRun.h"
 
+#include <filesystem>
 #include <fmt/format.h>
 
+#include "Platform/Digest.h"
+#include "Platform/PropertyList.h"
 #include "support/TempDir.h"
 
 namespace tooltest {
@@ -39,6 +42,24 @@ std::string hex(const std::string& bytes) {
     std::string out;
     for (unsigned char c : bytes) out += fmt::format("{:02x}", c);
     return out;
+}
+
+std::string md5(const std::string& bytes) {
+    return platform::digest::hex(platform::digest::compute(
+        platform::digest::Algorithm::MD5, std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())));
+}
+
+bool writeOnePackageProduct(const std::string& root, const std::string& productIdentifier, const std::string& url,
+                            const std::string& identifier, const std::string& body) {
+    platform::Array list{platform::Dictionary{{"URL", url},
+                                              {"Identifier", identifier},
+                                              {"Version", "1.0"},
+                                              {"Size", platform::Value(int64_t(body.size()))},
+                                              {"MD5", md5(body)}}};
+    std::filesystem::create_directories(root);
+    return platform::plist::writeXMLFile(
+        platform::Value(platform::Dictionary{{"ProductIdentifier", productIdentifier}, {"Packages", list}}),
+        root + "/index.product");
 }
 
 }  // namespace tooltest

@@ -29,5 +29,11 @@ std::string namesFromJsonLines(const std::string& lines, const std::string& key,
 
 using testsupport::lines;
 std::string hex(const std::string& bytes);
+// The MD5 of `bytes` in lower-case hex, as a product index gives it.
+std::string md5(const std::string& bytes);
+// ROOT/index.product naming one package at `url` (identifier `identifier`, version 1.0)
+// with the size and MD5 of `body`. False when it cannot be written.
+bool writeOnePackageProduct(const std::string& root, const std::string& productIdentifier, const std::string& url,
+                            const std::string& identifier, const std::string& body);
 
 }  // namespace tooltest
