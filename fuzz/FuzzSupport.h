@@ -90,4 +90,15 @@ private:
     std::string path_;
 };
 
+// Points the trust code at stores of the scratch folder's own: an empty system anchor
+// file and folder, and the user and administrator trust-settings files named (kept in
+// the scratch folder, absent until a target writes them). Aborts when they cannot be made.
+inline void isolateTrustStores(Scratch& scratch, const std::string& user, const std::string& admin) {
+    if (!scratch.ok() || !scratch.write("ca/store.pem", "") || !scratch.makeDirectory("ca/hashed")) abort();
+    setenv("SSL_CERT_FILE", (scratch / "ca/store.pem").c_str(), 1);
+    setenv("SSL_CERT_DIR", (scratch / "ca/hashed").c_str(), 1);
+    setenv("FERRYHOLD_USER_TRUST_SETTINGS", (scratch / user).c_str(), 1);
+    setenv("FERRYHOLD_ADMIN_TRUST_SETTINGS", (scratch / admin).c_str(), 1);
+}
+
 }  // namespace fuzzsupport

@@ -41,11 +41,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzzsupport::quietLogs();
     static fuzzsupport::Scratch directory;
     scratch = &directory;
-    if (!scratch->ok() || !scratch->write("ca/store.pem", "") || !scratch->makeDirectory("ca/hashed")) abort();
-    setenv("SSL_CERT_FILE", (*scratch / "ca/store.pem").c_str(), 1);
-    setenv("SSL_CERT_DIR", (*scratch / "ca/hashed").c_str(), 1);
-    setenv("FERRYHOLD_USER_TRUST_SETTINGS", (*scratch / "user.plist").c_str(), 1);
-    setenv("FERRYHOLD_ADMIN_TRUST_SETTINGS", (*scratch / "admin.plist").c_str(), 1);
+    fuzzsupport::isolateTrustStores(*scratch, "user.plist", "admin.plist");
     return 0;
 }
 
