@@ -1,6 +1,5 @@
 #include "Platform/CurlDriver.h"
 
-#include <mutex>
 #include <poll.h>
 #include <vector>
 
@@ -12,32 +11,30 @@ thread_local std::unique_ptr<CurlDriver> threadDriver;
 
 CurlDriver& CurlDriver::current() {
     if (!threadDriver) {
-        static std::once_flag once;
-        std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
         threadDriver.reset(new CurlDriver());
     }
     return *threadDriver;
 }
 
-CurlDriver::CurlDriver() : multi_(curl_multi_init()), loop_(RunLoop::current()) {
-    curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlDriver::_socketCallback);
-    curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
-    curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlDriver::_timerCallback);
-    curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+CurlDriver::CurlDriver() : curl_(CurlLibrary::loaded()), multi_(curl_.multi_init()), loop_(RunLoop::current()) {
+    curl_.multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlDriver::_socketCallback);
+    curl_.multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+    curl_.multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlDriver::_timerCallback);
+    curl_.multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
 }
 
 CurlDriver::~CurlDriver() {
-    for (auto& [easy, done] : running_) curl_multi_remove_handle(multi_, easy);
-    curl_multi_cleanup(multi_);
+    for (auto& [easy, done] : running_) curl_.multi_remove_handle(multi_, easy);
+    curl_.multi_cleanup(multi_);
 }
 
 void CurlDriver::add(CURL* easy, std::function<void(CURLcode)> done) {
     running_[easy] = std::move(done);
-    curl_multi_add_handle(multi_, easy);
+    curl_.multi_add_handle(multi_, easy);
 }
 
 void CurlDriver::remove(CURL* easy) {
-    if (running_.erase(easy)) curl_multi_remove_handle(multi_, easy);
+    if (running_.erase(easy)) curl_.multi_remove_handle(multi_, easy);
 }
 
 int CurlDriver::_socketCallback(CURL*, curl_socket_t fd, int what, void* self, void*) {
@@ -71,14 +68,14 @@ int CurlDriver::_timerCallback(CURLM*, long timeoutMS, void* self) {
 
 void CurlDriver::_action(curl_socket_t fd, int mask) {
     int stillRunning = 0;
-    curl_multi_socket_action(multi_, fd, mask, &stillRunning);
+    curl_.multi_socket_action(multi_, fd, mask, &stillRunning);
     _collectFinished();
 }
 
 void CurlDriver::_collectFinished() {
     std::vector<std::pair<std::function<void(CURLcode)>, CURLcode>> finished;
     int left = 0;
-    while (CURLMsg* msg = curl_multi_info_read(multi_, &left)) {
+    while (CURLMsg* msg = curl_.multi_info_read(multi_, &left)) {
         if (msg->msg != CURLMSG_DONE) continue;
         auto it = running_.find(msg->easy_handle);
         CURLcode result = msg->data.result;
@@ -86,7 +83,7 @@ void CurlDriver::_collectFinished() {
         if (it == running_.end()) continue;
         finished.emplace_back(std::move(it->second), result);
         running_.erase(it);
-        curl_multi_remove_handle(multi_, easy);
+        curl_.multi_remove_handle(multi_, easy);
     }
     // Called only now: a finished transfer may start its next request on the same handle.
     for (auto& [done, result] : finished) done(result);

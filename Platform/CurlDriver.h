@@ -3,18 +3,19 @@
 // transfer costs nothing while it waits. One driver per thread.
 #pragma once
 
-#include <curl/curl.h>
 #include <functional>
 #include <memory>
 #include <unordered_map>
 
+#include "Platform/CurlLibrary.h"
 #include "Platform/RunLoop.h"
 
 namespace platform {
 
 class CurlDriver {
 public:
-    // The driver of the calling thread, made on first use.
+    // The driver of the calling thread, made on first use; only once CurlLibrary::get()
+    // has succeeded.
     static CurlDriver& current();
     ~CurlDriver();
     CurlDriver(const CurlDriver&) = delete;
@@ -33,6 +34,7 @@ private:
     void _action(curl_socket_t fd, int mask);
     void _collectFinished();
 
+    const CurlLibrary& curl_;
     CURLM* multi_;
     std::shared_ptr<RunLoop> loop_;
     std::shared_ptr<RunLoopTimer> timer_;

@@ -1,22 +1,23 @@
 #include "Platform/URL.h"
 
-#include <curl/curl.h>
 #include <memory>
+
+#include "Platform/CurlLibrary.h"
 
 namespace platform {
 
 namespace {
 
 struct HandleFree {
-    void operator()(CURLU* h) const { curl_url_cleanup(h); }
+    void operator()(CURLU* h) const { CurlLibrary::loaded().url_cleanup(h); }
 };
 using Handle = std::unique_ptr<CURLU, HandleFree>;
 
-std::string part(CURLU* h, CURLUPart which, unsigned flags = 0) {
+std::string part(const CurlLibrary& curl, CURLU* h, CURLUPart which, unsigned flags = 0) {
     char* value = nullptr;
-    if (curl_url_get(h, which, &value, flags) != CURLUE_OK || !value) return {};
+    if (curl.url_get(h, which, &value, flags) != CURLUE_OK || !value) return {};
     std::string out(value);
-    curl_free(value);
+    curl.free(value);
     return out;
 }
 
@@ -30,28 +31,32 @@ int hexValue(char c) {
 }  // namespace
 
 std::optional<URL> URL::parse(std::string_view text) {
-    Handle h(curl_url());
+    const CurlLibrary* curl = CurlLibrary::get();
+    if (!curl) return std::nullopt;
+    Handle h(curl->url());
     // Any scheme is accepted: a URL names a source, not only something this client can fetch.
-    if (!h || curl_url_set(h.get(), CURLUPART_URL, std::string(text).c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
+    if (!h || curl->url_set(h.get(), CURLUPART_URL, std::string(text).c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
         return std::nullopt;
     URL url;
-    url.text_ = part(h.get(), CURLUPART_URL);
-    url.scheme_ = part(h.get(), CURLUPART_SCHEME);
-    url.host_ = part(h.get(), CURLUPART_HOST);
-    url.path_ = percentDecode(part(h.get(), CURLUPART_PATH));
-    std::string port = part(h.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
+    url.text_ = part(*curl, h.get(), CURLUPART_URL);
+    url.scheme_ = part(*curl, h.get(), CURLUPART_SCHEME);
+    url.host_ = part(*curl, h.get(), CURLUPART_HOST);
+    url.path_ = percentDecode(part(*curl, h.get(), CURLUPART_PATH));
+    std::string port = part(*curl, h.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
     url.port_ = port.empty() ? 0 : std::stoi(port);
     if (url.text_.empty() || url.scheme_.empty()) return std::nullopt;
     return url;
 }
 
 std::optional<URL> URL::parse(std::string_view reference, const URL& base) {
-    Handle h(curl_url());
-    if (!h || curl_url_set(h.get(), CURLUPART_URL, base.text_.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
+    const CurlLibrary* curl = CurlLibrary::get();
+    if (!curl) return std::nullopt;
+    Handle h(curl->url());
+    if (!h || curl->url_set(h.get(), CURLUPART_URL, base.text_.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
         return std::nullopt;
-    if (curl_url_set(h.get(), CURLUPART_URL, std::string(reference).c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
+    if (curl->url_set(h.get(), CURLUPART_URL, std::string(reference).c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
         return std::nullopt;
-    return parse(part(h.get(), CURLUPART_URL));
+    return parse(part(*curl, h.get(), CURLUPART_URL));
 }
 
 URL URL::fileURL(std::string_view path) {

@@ -1,10 +1,10 @@
 #include "Platform/URLConnection.h"
 
 #include <cmath>
-#include <curl/curl.h>
 #include <fmt/format.h>
 
 #include "Platform/CurlDriver.h"
+#include "Platform/CurlLibrary.h"
 #include "Platform/Netrc.h"
 #include "Platform/URLErrors.h"
 
@@ -15,6 +15,9 @@ namespace {
 constexpr long kReceiveBufferSize = 256 * 1024;
 
 CURL* handle(void* p) { return static_cast<CURL*>(p); }
+
+// A connection exists only once the library has loaded (initWithRequest).
+const CurlLibrary& curl() { return CurlLibrary::loaded(); }
 
 size_t headerCallback(char* data, size_t size, size_t count, void* self) {
     return static_cast<URLConnection*>(self)->_headerLine(std::string_view(data, size * count));
@@ -89,6 +92,7 @@ std::shared_ptr<URLConnection> URLConnection::initWithRequest(const URLRequest& 
                                                               URLTransferOptions options) {
     const std::string& scheme = request.url.scheme();
     if (scheme != "http" && scheme != "https" && scheme != "file") return nullptr;
+    if (!CurlLibrary::get()) return nullptr;
     return std::shared_ptr<URLConnection>(new URLConnection(request, delegate, std::move(options)));
 }
 
@@ -96,15 +100,15 @@ URLConnection::URLConnection(const URLRequest& request, URLConnectionDelegate* d
     : original_(request), current_(request), delegate_(delegate), options_(std::move(options)),
       loop_(RunLoop::current()) {
     CurlDriver::current();  // global curl set-up happens there
-    easy_ = curl_easy_init();
+    easy_ = curl().easy_init();
 }
 
 URLConnection::~URLConnection() {
     if (easy_) {
         CurlDriver::current().remove(handle(easy_));
-        curl_easy_cleanup(handle(easy_));
+        curl().easy_cleanup(handle(easy_));
     }
-    curl_slist_free_all(static_cast<curl_slist*>(headerList_));
+    curl().slist_free_all(static_cast<curl_slist*>(headerList_));
 }
 
 void URLConnection::start() {
@@ -158,38 +162,38 @@ void URLConnection::_startHop() {
 
 void URLConnection::_configureHandle() {
     CURL* h = handle(easy_);
-    curl_easy_reset(h);
-    curl_easy_setopt(h, CURLOPT_URL, current_.url.absoluteString().c_str());
+    curl().easy_reset(h);
+    curl().easy_setopt(h, CURLOPT_URL, current_.url.absoluteString().c_str());
     // Only the scheme of this hop, which was checked before it began.
-    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, current_.url.scheme().c_str());
-    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    curl().easy_setopt(h, CURLOPT_PROTOCOLS_STR, current_.url.scheme().c_str());
+    curl().easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     // Redirects are followed here, one hop at a time, so that the delegate sees each one.
-    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(h, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
-    curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorBuffer_);
-    curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &headerCallback);
-    curl_easy_setopt(h, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &writeCallback);
-    curl_easy_setopt(h, CURLOPT_WRITEDATA, this);
+    curl().easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
+    curl().easy_setopt(h, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
+    curl().easy_setopt(h, CURLOPT_ERRORBUFFER, errorBuffer_);
+    curl().easy_setopt(h, CURLOPT_HEADERFUNCTION, &headerCallback);
+    curl().easy_setopt(h, CURLOPT_HEADERDATA, this);
+    curl().easy_setopt(h, CURLOPT_WRITEFUNCTION, &writeCallback);
+    curl().easy_setopt(h, CURLOPT_WRITEDATA, this);
     // The request's time-out bounds a stall, not the whole transfer.
     long idle = std::max(1L, long(std::ceil(current_.timeoutInterval)));
-    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, idle);
-    curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, idle);
-    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (options_.caFile) curl_easy_setopt(h, CURLOPT_CAINFO, options_.caFile->c_str());
-    curl_slist_free_all(static_cast<curl_slist*>(headerList_));
+    curl().easy_setopt(h, CURLOPT_CONNECTTIMEOUT, idle);
+    curl().easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl().easy_setopt(h, CURLOPT_LOW_SPEED_TIME, idle);
+    curl().easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl().easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (options_.caFile) curl().easy_setopt(h, CURLOPT_CAINFO, options_.caFile->c_str());
+    curl().slist_free_all(static_cast<curl_slist*>(headerList_));
     curl_slist* list = nullptr;
     for (const auto& [name, value] : current_.headerFields)
-        list = curl_slist_append(list, fmt::format("{}: {}", name, value).c_str());
+        list = curl().slist_append(list, fmt::format("{}: {}", name, value).c_str());
     headerList_ = list;
-    curl_easy_setopt(h, CURLOPT_HTTPHEADER, list);
+    curl().easy_setopt(h, CURLOPT_HTTPHEADER, list);
     if (credential_ && credentialOrigin_ && sameOrigin(*credentialOrigin_, current_.url)) {
-        curl_easy_setopt(h, CURLOPT_USERNAME, credential_->user.c_str());
-        curl_easy_setopt(h, CURLOPT_PASSWORD, credential_->password.c_str());
+        curl().easy_setopt(h, CURLOPT_USERNAME, credential_->user.c_str());
+        curl().easy_setopt(h, CURLOPT_PASSWORD, credential_->password.c_str());
         long method = equalsIgnoringCase(authScheme_, "Digest") ? CURLAUTH_DIGEST : CURLAUTH_BASIC;
-        curl_easy_setopt(h, CURLOPT_HTTPAUTH, method);
+        curl().easy_setopt(h, CURLOPT_HTTPAUTH, method);
     }
 }
 
@@ -217,7 +221,7 @@ void URLConnection::_headersComplete() {
         else response.headerFields.set(name, value);
     }
     curl_off_t length = -1;
-    curl_easy_getinfo(handle(easy_), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+    curl().easy_getinfo(handle(easy_), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
     response.expectedContentLength = length;
     response_ = response;
     if (response.isHTTP && isRedirect(status_) && response.valueForHeaderField("Location")) {
@@ -258,7 +262,7 @@ void URLConnection::_hopDone(int curlCode) {
         }
     }
     if (code != CURLE_OK) {
-        _fail(urlErrorForCurl(code), errorBuffer_[0] ? errorBuffer_ : curl_easy_strerror(code));
+        _fail(urlErrorForCurl(code), errorBuffer_[0] ? errorBuffer_ : curl().easy_strerror(code));
         return;
     }
     switch (mode_) {
