@@ -84,16 +84,36 @@ bool CatalogueIterator::open(const CatalogueIterator& parent, const char* name) 
     return _openAt(parent.descriptor_, name, name);
 }
 
-bool CatalogueIterator::_openAt(int parentDescriptor, const char* path, const char* name) {
+bool CatalogueIterator::open(fs::File directory) {
     close();
+    _reset(directory.release());
+    return descriptor_ >= 0;
+}
+
+std::optional<fs::File> CatalogueIterator::openChild(const char* name) const {
+    int descriptor = _openDirectory(descriptor_, name, name);
+    if (descriptor < 0) return std::nullopt;
+    return fs::File::adopt(descriptor, name);
+}
+
+int CatalogueIterator::_openDirectory(int parentDescriptor, const char* path, const char* name) {
     if (isFailingName(name)) {
         errno = EACCES;
-        return false;
+        return -1;
     }
-    descriptor_ = openat(parentDescriptor, path, kDirectoryFlags);
+    return openat(parentDescriptor, path, kDirectoryFlags);
+}
+
+bool CatalogueIterator::_openAt(int parentDescriptor, const char* path, const char* name) {
+    close();
+    _reset(_openDirectory(parentDescriptor, path, name));
+    return descriptor_ >= 0;
+}
+
+void CatalogueIterator::_reset(int descriptor) {
+    descriptor_ = descriptor;
     position_ = filled_ = 0;
     endOfDirectory_ = false;
-    return descriptor_ >= 0;
 }
 
 CatalogueIterator::Status CatalogueIterator::fetch(std::span<CatalogueEntry> entries, size_t* count) {

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "Platform/Error.h"
+#include "Platform/File.h"
 
 namespace platform {
 
@@ -54,6 +55,11 @@ public:
     // `parent`, never following a final symbolic link. False (errno set) on failure.
     bool open(const std::string& path);
     bool open(const CatalogueIterator& parent, const char* name);
+    // Opens the directory that `directory` holds open, taking its descriptor.
+    bool open(fs::File directory);
+    // The child directory `name` of the directory open here, opened as open() would,
+    // for another walker to take over; absent (errno set) when it cannot be opened.
+    std::optional<fs::File> openChild(const char* name) const;
     // Fills up to entries.size() children ("." and ".." left out) and stores their
     // number in *count. noMoreItems comes with the last children, if any; error means
     // the listing failed and the children of this fetch are lost.
@@ -79,7 +85,9 @@ public:
 
 private:
     CatalogueIterator(CatalogueSession* session, char* buffer);
+    static int _openDirectory(int parentDescriptor, const char* path, const char* name);
     bool _openAt(int parentDescriptor, const char* path, const char* name);
+    void _reset(int descriptor);
     bool _refill(bool* endOfDirectory);
     void _describe(const char* name, unsigned char type, CatalogueEntry* entry) const;
 

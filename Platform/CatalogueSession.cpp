@@ -49,31 +49,18 @@ struct Choice {
 
 Choice probeProcessChoice() {
     using Method = CatalogueSession::Method;
-    if (getenv("FERRYHOLD_NO_IO_URING"))
-        return {Method::plainStatx, "FileSizer: plain statx (io_uring turned off by FERRYHOLD_NO_IO_URING)"};
-    struct io_uring ring {};
-    int rc = initRing(&ring);
-    if (rc < 0)
-        return {Method::plainStatx, fmt::format("FileSizer: plain statx (io_uring unavailable: {})", strerror(-rc))};
-    struct io_uring_probe* probe = io_uring_get_probe_ring(&ring);
-    bool statxSupported = probe && io_uring_opcode_supported(probe, IORING_OP_STATX);
-    if (probe) io_uring_free_probe(probe);
-    io_uring_queue_exit(&ring);
-    if (!statxSupported) return {Method::plainStatx, "FileSizer: plain statx (io_uring has no statx operation)"};
-    // The kernel runs io_uring's statx on a worker thread, at a higher cost per file than
-    // a plain call: it pays off only when that worker has a processor of its own beside
-    // the walk's, which is a question of this moment, not of the last minute's average.
+    // A second walker pays off only when it has a processor of its own beside the first,
+    // which is a question of this moment, not of the last minute's average.
     int processors = availableProcessors();
     double others = CatalogueSession::otherRunnableTasksNow();
-    if (CatalogueSession::methodForMachine(processors, others) == Method::plainStatx)
-        return {Method::plainStatx,
-                fmt::format("FileSizer: plain statx (no processor to spare for io_uring: {} processors, "
+    if (CatalogueSession::methodForMachine(processors, others) == Method::twoWalkers)
+        return {Method::twoWalkers,
+                fmt::format("FileSizer: plain statx in two walker threads over disjoint subtrees ({} processors, "
                             "{:.1f} other tasks runnable now)",
                             processors, others)};
-    return {Method::ioUring,
-            fmt::format("FileSizer: statx through io_uring, batches of {} submitted together ({} processors, "
-                        "{:.1f} other tasks runnable now)",
-                        CatalogueIterator::kBatchSize, processors, others)};
+    return {Method::plainStatx, fmt::format("FileSizer: plain statx in one walker (no processor to spare for a "
+                                            "second: {} processors, {:.1f} other tasks runnable now)",
+                                            processors, others)};
 }
 
 const Choice& processChoice() {
@@ -111,9 +98,9 @@ struct CatalogueSession::Slot {
 };
 
 CatalogueSession::Method CatalogueSession::methodForMachine(int processors, double otherRunnableTasks) {
-    // The walk takes one processor and the kernel's worker another; what the rest of the
+    // The first walker takes one processor and the second another; what the rest of the
     // machine runs must leave that second one free.
-    return processors >= 2 && double(processors) - 1.0 - otherRunnableTasks >= 0.5 ? Method::ioUring
+    return processors >= 2 && double(processors) - 1.0 - otherRunnableTasks >= 0.5 ? Method::twoWalkers
                                                                                    : Method::plainStatx;
 }
 
@@ -161,7 +148,8 @@ CatalogueSession::Method CatalogueSession::methodForNewSessions() {
 }
 
 CatalogueSession::CatalogueSession() : requested_(methodForNewSessions()), owner_(getpid()) {
-    if (requested_ == Method::ioUring && _setUpRing()) method_ = Method::ioUring;
+    if (requested_ == Method::twoWalkers) method_ = Method::twoWalkers;
+    if (requested_ == Method::ioUring && !getenv("FERRYHOLD_NO_IO_URING") && _setUpRing()) method_ = Method::ioUring;
 }
 
 bool CatalogueSession::_setUpRing() {
@@ -193,7 +181,7 @@ void CatalogueSession::addSizeOf(const CatalogueIterator& iterator, const Catalo
         total_ += *entry.allocatedSize;
         return;
     }
-    if (method_ == Method::plainStatx) {
+    if (method_ != Method::ioUring) {
         total_ += plainAllocatedSize(iterator.descriptor(), entry.name);
         return;
     }

@@ -3,9 +3,11 @@
 // without following a final symbolic link. Allocated data size = blocks × 512; the
 // resource fork counts 0 on this platform.
 //
+// Plain statx calls size each child at once. With two walker threads, each walker has a
+// session of its own and the two walk disjoint subtrees (FileSizer hands them out).
 // Through io_uring, the requests of one batch are submitted together and their
 // results collected while the walk goes on, so the kernel's workers size one
-// directory while the walk lists the next. Where io_uring cannot be set up, plain
+// directory while the walk lists the next; where io_uring cannot be set up, plain
 // statx calls do the same work, one at a time.
 #pragma once
 
@@ -23,17 +25,19 @@ struct CatalogueEntry;
 
 class CatalogueSession {
 public:
-    enum class Method { ioUring, plainStatx };
+    // plainStatx: one walker, sizing each child with statx as it is listed.
+    // twoWalkers: two walker threads over disjoint subtrees, each with plain statx.
+    // ioUring: one walker whose statx requests the kernel's worker runs beside it. On
+    // two processors it measured slower than two walkers, at half again their CPU time,
+    // so a process never chooses it; tests and benchmarks ask for it, and with the
+    // environment variable FERRYHOLD_NO_IO_URING set they get plain statx instead.
+    enum class Method { ioUring, plainStatx, twoWalkers };
 
-    // Chosen once per process, when the first session is made: io_uring, unless the
-    // environment variable FERRYHOLD_NO_IO_URING is set, the kernel (or a sandbox)
-    // refuses a ring that can run statx, or the machine has no processor free at that
-    // moment for the kernel's worker beside the walk (methodForMachine), where plain
-    // statx is faster.
+    // Chosen once per process, when the first session is made (methodForMachine).
     static Method processMethod();
-    // io_uring when, of `processors`, one is left for the kernel's worker beside the
-    // walk's own once `otherRunnableTasks` (other tasks wanting a processor now) have
-    // theirs; plain statx otherwise, and always on a single processor.
+    // Two walkers when, of `processors`, one is left for the second walker once
+    // `otherRunnableTasks` (other tasks wanting a processor now) have theirs; one
+    // otherwise, and always on a single processor.
     static Method methodForMachine(int processors, double otherRunnableTasks);
     // The tasks other than this one that are runnable now, from a few readings of the
     // kernel's count a millisecond apart (about 5 ms in all); very large when unknown.

@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <sys/types.h>
 
 #include "Platform/Error.h"
@@ -50,6 +51,8 @@ public:
                                       Error* error = nullptr, const std::string& displayPath = {});
     // Takes ownership of a descriptor another call made; `path` is what errors name.
     static File adopt(int descriptor, std::string path);
+    // Gives the descriptor up to the caller, who closes it; the File is closed after.
+    int release() { return std::exchange(fd_, -1); }
     // A new unnamed file in `directory` for scratch data, gone when closed (O_TMPFILE;
     // a name unlinked at once where the file system has no unnamed files). Its errors
     // name `displayPath`, or the directory when that is empty.

@@ -106,6 +106,15 @@ std::string list(const std::vector<double>& values) {
     return text;
 }
 
+const char* methodName(CatalogueSession::Method method) {
+    switch (method) {
+    case CatalogueSession::Method::ioUring: return "io_uring";
+    case CatalogueSession::Method::twoWalkers: return "two walkers";
+    case CatalogueSession::Method::plainStatx: break;
+    }
+    return "plain statx";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -129,12 +138,14 @@ int main(int argc, char** argv) {
     std::string duLine = output("du -s '" + root + "'");
     FileSizer::sizeForPath(root);
 
-    Timing du, sizer, ring, plain;
-    uint64_t sizerTotal = 0, ringTotal = 0, plainTotal = 0;
+    Timing du, sizer, two, ring, plain;
+    uint64_t sizerTotal = 0, twoTotal = 0, ringTotal = 0, plainTotal = 0;
     for (int run = 0; run < kRuns; ++run) {
         measure(du, RUSAGE_CHILDREN, [&] { duLine = output("du -s '" + root + "'"); });
         CatalogueSession::setMethodForTesting(std::nullopt);
         measure(sizer, RUSAGE_SELF, [&] { sizerTotal = FileSizer::sizeForPath(root); });
+        CatalogueSession::setMethodForTesting(CatalogueSession::Method::twoWalkers);
+        measure(two, RUSAGE_SELF, [&] { twoTotal = FileSizer::sizeForPath(root); });
         CatalogueSession::setMethodForTesting(CatalogueSession::Method::ioUring);
         measure(ring, RUSAGE_SELF, [&] { ringTotal = FileSizer::sizeForPath(root); });
         CatalogueSession::setMethodForTesting(CatalogueSession::Method::plainStatx);
@@ -149,6 +160,7 @@ int main(int argc, char** argv) {
     fmt::print("{:<22} wall median {:.3f} s [{}]; cpu median {:.3f} s  ({} KiB, directories included)\n", "du -s",
                duWall, list(du.wall), duCpu, duLine.substr(0, duLine.find('\t')));
     report("FileSizer (process)", sizer);
+    report("FileSizer two walkers", two);
     report("FileSizer io_uring", ring);
     report("FileSizer plain statx", plain);
     fmt::print("FileSizer (process), both processors idle: wall ratio {:.2f} (target <= 0.60), cpu ratio {:.2f} "
@@ -178,12 +190,13 @@ int main(int argc, char** argv) {
     fmt::print("one processor busy: du -s wall median {:.3f} s [{}]; FileSizer ({}) wall median {:.3f} s [{}], "
                "ratio {:.2f} (target <= 0.95)\n",
                median(duBusy.wall), list(duBusy.wall),
-               busyMethod == CatalogueSession::Method::ioUring ? "io_uring" : "plain statx", median(sizerBusy.wall),
+               methodName(busyMethod), median(sizerBusy.wall),
                list(sizerBusy.wall), median(sizerBusy.wall) / median(duBusy.wall));
 
-    bool agree = sizerTotal == expected && ringTotal == expected && plainTotal == expected && busyTotal == expected;
-    fmt::print("bytes: find {}  FileSizer {}  io_uring {}  plain statx {}  one busy {}  {}\n", expected, sizerTotal,
-               ringTotal, plainTotal, busyTotal, agree ? "equal" : "DIFFERENT");
+    bool agree = sizerTotal == expected && twoTotal == expected && ringTotal == expected && plainTotal == expected &&
+                 busyTotal == expected;
+    fmt::print("bytes: find {}  FileSizer {}  two walkers {}  io_uring {}  plain statx {}  one busy {}  {}\n",
+               expected, sizerTotal, twoTotal, ringTotal, plainTotal, busyTotal, agree ? "equal" : "DIFFERENT");
 
     if (made) std::filesystem::remove_all(root);
     return agree ? 0 : 1;

@@ -3,16 +3,20 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "Platform/CatalogueIterator.h"
 #include "Platform/CatalogueSession.h"
+#include "Platform/File.h"
 #include "Platform/Log.h"
 #include "Platform/Path.h"
 
@@ -42,10 +46,104 @@ void reportMethodOnce() {
     if (!reported.exchange(true)) platform::consoleLog(CatalogueSession::processMethodDescription());
 }
 
-// One nesting level of a walk: its iterator and the batch it fetched last.
+// How long a walker polls for what it waits on before it sleeps: work handed over
+// within microseconds then costs no wake-up, which on a virtual machine can take longer
+// than sizing a small directory. kNextSizing covers the gap between one path and the
+// next of a list sized back to back.
+constexpr std::chrono::microseconds kHandOverSpin{50};
+constexpr std::chrono::microseconds kNextSizingSpin{500};
+
+void relax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
+// Polls `ready` for up to `limit`; whether it became true.
+template <typename Ready>
+bool spinUntil(Ready ready, std::chrono::microseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    do {
+        for (int i = 0; i < 64; ++i) {
+            if (ready()) return true;
+            relax();
+        }
+    } while (std::chrono::steady_clock::now() < end);
+    return ready();
+}
+
+// The directories that two walkers share out, and whether one of them waits for work.
+// A walker that meets a subdirectory while the other waits hands it over instead of
+// descending; one that runs out of work waits for the other to hand it something. The
+// sizing is done when both wait with nothing left to hand over.
+class WalkerShare {
+public:
+    explicit WalkerShare(int walkers) : walkers_(walkers) {}
+
+    // Checked at every item: a load, no lock.
+    bool hungry() const { return hungry_.load(std::memory_order_relaxed); }
+
+    void give(platform::fs::File directory) {
+        std::lock_guard lock(mutex_);
+        pending_.push_back(std::move(directory));
+        waiting_.store(pending_.size(), std::memory_order_release);
+        hungry_.store(false, std::memory_order_relaxed);
+        changed_.notify_one();
+    }
+
+    // The next directory to walk; false once the sizing is done (or cancelled, when what
+    // waits is dropped).
+    bool take(platform::fs::File* directory) {
+        std::unique_lock lock(mutex_);
+        ++idle_;
+        for (;;) {
+            if (!running()) pending_.clear();
+            if (!pending_.empty()) {
+                *directory = std::move(pending_.back());
+                pending_.pop_back();
+                waiting_.store(pending_.size(), std::memory_order_release);
+                --idle_;
+                hungry_.store(idle_ > 0 && pending_.empty(), std::memory_order_relaxed);
+                return true;
+            }
+            if (idle_ == walkers_ || done_.load(std::memory_order_relaxed)) {
+                done_.store(true, std::memory_order_release);
+                hungry_.store(false, std::memory_order_relaxed);
+                changed_.notify_all();
+                return false;
+            }
+            hungry_.store(true, std::memory_order_relaxed);
+            lock.unlock();
+            bool changed = spinUntil(
+                [&] {
+                    return waiting_.load(std::memory_order_acquire) > 0 || done_.load(std::memory_order_acquire) ||
+                           !running();
+                },
+                kHandOverSpin);
+            lock.lock();
+            if (!changed && pending_.empty() && !done_.load(std::memory_order_relaxed)) changed_.wait(lock);
+        }
+    }
+
+private:
+    const int walkers_;
+    std::atomic<bool> hungry_{false};
+    std::atomic<size_t> waiting_{0};
+    std::atomic<bool> done_{false};
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<platform::fs::File> pending_;
+    int idle_ = 0;
+};
+
+// An entry whose name is null has been handed to the other walker.
 struct Level {
     std::shared_ptr<CatalogueIterator> iterator;
     std::array<CatalogueEntry, CatalogueIterator::kBatchSize> entries;
+    size_t count = 0;
+    size_t next = 0;  // the entry to look at next
 };
 
 // What a directory walk needs, kept per thread and reused from one sizing to the next:
@@ -57,15 +155,27 @@ public:
     CatalogueSession::Method requestedMethod() const { return session_.requestedMethod(); }
     bool busy = false;
 
-    // Allocated bytes below the directory at `path`; 0 when it cannot be listed.
-    uint64_t sizeOfDirectory(const std::string& path) {
+    // Allocated bytes below the directory at `path`; 0 when it cannot be listed. With a
+    // share, the bytes of this walker's part only: the subdirectories it handed over are
+    // another's, and it goes on with what it is handed until the share is done.
+    uint64_t sizeOfDirectory(const std::string& path, WalkerShare* share = nullptr) {
+        share_ = share;
         Level* top = _level(0);
-        if (!top) return 0;
-        if (!top->iterator->open(path)) {
+        if (top && top->iterator->open(path))
+            _walk(0);
+        else if (top)
             platform::consoleLog("FSOpenIterator failed.");
-            return 0;
-        }
-        _walk(0);
+        // The other walker ends only with this one, whatever became of the walk above.
+        if (share) _walkShared(*share, top);
+        share_ = nullptr;
+        return session_.takeTotal();
+    }
+
+    // Walks what `share` hands out until it is done; the bytes of those walks.
+    uint64_t sizeOfShare(WalkerShare& share) {
+        share_ = &share;
+        _walkShared(share, _level(0));
+        share_ = nullptr;
         return session_.takeTotal();
     }
 
@@ -88,11 +198,16 @@ private:
     void _walk(size_t depth) {
         Level& current = *levels_[depth];
         for (;;) {
-            size_t count = 0;
-            auto status = current.iterator->fetch(current.entries, &count);
+            auto status = current.iterator->fetch(current.entries, &current.count);
             if (status == CatalogueIterator::Status::error) break;
-            for (size_t i = 0; i < count && running(); ++i) {
-                const CatalogueEntry& entry = current.entries[i];
+            nothingToHandOver_ = false;  // the new batch may hold directories
+            for (current.next = 0; current.next < current.count && running();) {
+                CatalogueEntry& entry = current.entries[current.next];
+                // Looked at every item, so that the other walker is not left waiting
+                // while this one sizes a long run of files.
+                if (share_ && !nothingToHandOver_ && share_->hungry()) _handOverShallowest(depth);
+                ++current.next;
+                if (!entry.name) continue;
                 if (entry.isDirectory)
                     _descend(depth + 1, current, entry.name);
                 else
@@ -115,8 +230,107 @@ private:
         _walk(depth);
     }
 
+    // Without a listing buffer (`top` null), what it is handed counts 0, as an
+    // unreadable directory would.
+    void _walkShared(WalkerShare& share, Level* top) {
+        platform::fs::File directory;
+        while (share.take(&directory))
+            if (top && top->iterator->open(std::move(directory))) _walk(0);
+    }
+
+    // Hands the other walker the subdirectory nearest the top of this walk that is still
+    // to be walked here, so that it gets as much work as can be had for one hand-over:
+    // the directories listed but not yet entered at each level, from the top down to
+    // `depth`.
+    void _handOverShallowest(size_t depth) {
+        for (size_t d = 0; d <= depth; ++d) {
+            Level& level = *levels_[d];
+            for (size_t i = level.next; i < level.count; ++i) {
+                CatalogueEntry& entry = level.entries[i];
+                if (!entry.name || !entry.isDirectory) continue;
+                if (auto child = level.iterator->openChild(entry.name))
+                    share_->give(std::move(*child));
+                else
+                    platform::consoleLog("FSOpenIterator failed.");
+                entry.name = nullptr;
+                return;
+            }
+        }
+        // Nothing above or here until the next batch is listed.
+        nothingToHandOver_ = true;
+    }
+
     CatalogueSession session_;
     std::vector<std::unique_ptr<Level>> levels_;
+    WalkerShare* share_ = nullptr;
+    bool nothingToHandOver_ = false;
+};
+
+// The second walker: a thread kept for the process, which takes part in one sizing at a
+// time. Made on first use and never destroyed, so that no exit has to stop it; a
+// process forked from one that had it makes its own.
+class SecondWalker {
+public:
+    // The process's second walker, free for a sizing; null when another sizing has it.
+    static SecondWalker* claim() {
+        static std::mutex guard;
+        static SecondWalker* walker = nullptr;
+        std::lock_guard lock(guard);
+        if (!walker || walker->owner_ != getpid()) walker = new SecondWalker();  // a fork's copy is left be
+        bool expected = false;
+        return walker->claimed_.compare_exchange_strong(expected, true) ? walker : nullptr;
+    }
+
+    // Starts walking what `share` hands out, beside the calling thread.
+    void start(WalkerShare& share) {
+        {
+            std::lock_guard lock(mutex_);
+            finished_.store(false, std::memory_order_relaxed);
+            share_.store(&share, std::memory_order_release);
+        }
+        changed_.notify_all();
+    }
+
+    // Waits until the share is done; the bytes this walker counted. Frees it for the next sizing.
+    uint64_t finish() {
+        spinUntil([&] { return finished_.load(std::memory_order_acquire); }, kHandOverSpin);
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return finished_.load(std::memory_order_relaxed); });
+        claimed_.store(false);
+        return total_;
+    }
+
+private:
+    SecondWalker() : owner_(getpid()) { std::thread([this] { _run(); }).detach(); }
+
+    void _run() {
+        Walk walk;
+        for (;;) {
+            spinUntil([&] { return share_.load(std::memory_order_acquire) != nullptr; }, kNextSizingSpin);
+            WalkerShare* share;
+            {
+                std::unique_lock lock(mutex_);
+                changed_.wait(lock, [&] { return share_.load(std::memory_order_relaxed) != nullptr; });
+                share = share_.load(std::memory_order_relaxed);
+            }
+            uint64_t total = walk.sizeOfShare(*share);
+            {
+                std::lock_guard lock(mutex_);
+                share_.store(nullptr, std::memory_order_relaxed);
+                total_ = total;
+                finished_.store(true, std::memory_order_release);
+            }
+            changed_.notify_all();
+        }
+    }
+
+    const pid_t owner_;
+    std::atomic<bool> claimed_{false};
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::atomic<WalkerShare*> share_{nullptr};
+    uint64_t total_ = 0;
+    std::atomic<bool> finished_{true};
 };
 
 uint64_t walkDirectory(const std::string& path) {
@@ -137,6 +351,14 @@ uint64_t walkDirectory(const std::string& path) {
         ~Lease() { walk.busy = false; }
     } lease{*cached};
     cached->busy = true;
+    if (cached->requestedMethod() == CatalogueSession::Method::twoWalkers) {
+        if (SecondWalker* second = SecondWalker::claim()) {
+            WalkerShare share(2);
+            second->start(share);
+            uint64_t mine = cached->sizeOfDirectory(path, &share);
+            return mine + second->finish();
+        }
+    }
     return cached->sizeOfDirectory(path);
 }
 

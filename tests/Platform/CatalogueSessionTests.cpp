@@ -1,5 +1,5 @@
-// How the catalogue session chooses between io_uring and plain statx: by the processors
-// free at this moment, read from the kernel's count of runnable tasks.
+// How the catalogue session chooses between one walker and two: by the processors free
+// at this moment, read from the kernel's count of runnable tasks.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,14 +13,14 @@ namespace {
 using platform::CatalogueSession;
 using Method = CatalogueSession::Method;
 
-TEST(CatalogueSessionChoice, IoUringOnlyWithAProcessorFreeForTheKernelsWorker) {
-    EXPECT_EQ(Method::ioUring, CatalogueSession::methodForMachine(2, 0));
-    EXPECT_EQ(Method::ioUring, CatalogueSession::methodForMachine(2, 0.4));
+TEST(CatalogueSessionChoice, TwoWalkersOnlyWithAProcessorFreeForTheSecond) {
+    EXPECT_EQ(Method::twoWalkers, CatalogueSession::methodForMachine(2, 0));
+    EXPECT_EQ(Method::twoWalkers, CatalogueSession::methodForMachine(2, 0.4));
     EXPECT_EQ(Method::plainStatx, CatalogueSession::methodForMachine(2, 0.6));  // mostly one busy
     EXPECT_EQ(Method::plainStatx, CatalogueSession::methodForMachine(2, 1));
     EXPECT_EQ(Method::plainStatx, CatalogueSession::methodForMachine(2, 7));
     EXPECT_EQ(Method::plainStatx, CatalogueSession::methodForMachine(1, 0));  // nothing to share
-    EXPECT_EQ(Method::ioUring, CatalogueSession::methodForMachine(4, 2));
+    EXPECT_EQ(Method::twoWalkers, CatalogueSession::methodForMachine(4, 2));
     EXPECT_EQ(Method::plainStatx, CatalogueSession::methodForMachine(4, 2.6));
     // An unknown count is taken as a busy machine.
     EXPECT_EQ(Method::plainStatx, CatalogueSession::methodForMachine(64, 1e9));
