@@ -9,6 +9,11 @@ namespace crateworks::bom {
 
 using format::readU32;
 
+namespace {
+// How many pairs ahead of the one read a walk asks for the blocks it will need.
+constexpr uint32_t kPrefetchDistance = 16;
+}  // namespace
+
 std::unique_ptr<BOMCursor> BOMCursor::atPath(std::shared_ptr<const BOMReader> reader, std::string_view path,
                                              bool* damaged) {
     if (damaged) *damaged = false;
@@ -40,6 +45,8 @@ BOMCursor::Read BOMCursor::_read(Item& item) {
         if (!_enterLeaf(forward_)) return Read::damaged;
     }
     const uint8_t* pair = pairs_ + size_t(pairIndex_) * 8;
+    // The key and value of an item lie side by side, so one load brings both.
+    if (pairIndex_ + kPrefetchDistance < pairCount_) reader_->prefetchBlock(readU32(pair + kPrefetchDistance * 8));
     auto value = reader_->block(readU32(pair));
     auto key = reader_->block(readU32(pair + 4));
     if (!value || value->size() < 8 || !key || key->size() < 5) return Read::damaged;
