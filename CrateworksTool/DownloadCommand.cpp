@@ -18,6 +18,7 @@
 #include "CrateworksTool/ToolSupport.h"
 #include "Distribution_Layer/Downloader/CWDownload.h"
 #include "Distribution_Layer/Downloader/CWSecureURLDownload.h"
+#include "Platform/AtomicFile.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
 #include "Platform/RunLoop.h"
@@ -139,6 +140,8 @@ int download(const Arguments* parsed) {
     auto destination = scratch ? std::optional<std::string>(scratch->path()) : destinationPath(*url, parsed->dest);
     if (!destination) return 1;
     const std::string& dest = *destination;
+    // The file arrives by renaming over DEST: a device, a FIFO or a link there is left alone.
+    if (auto refusal = platform::fs::AtomicFile::refusalFor(dest)) return fail(parsed->url, refusal->description());
     const std::string partial = dest + ".partial", state = dest + ".partialState";
     Transfer transfer;
     // File copies start over: the copy class appends from the source's first byte on resume.
@@ -169,6 +172,8 @@ int download(const Arguments* parsed) {
 
     if (transfer.finished && !tool::interrupted()) {
         platform::Error error;
+        // Checked again: something else may have been put there while the file arrived.
+        if (auto refusal = platform::fs::AtomicFile::refusalFor(dest)) return fail(parsed->url, refusal->description());
         if (!platform::fs::moveItem(partial, dest, &error))
             return fail(parsed->url, "cannot move into place: " + error.description());
         platform::fs::removeItem(state);

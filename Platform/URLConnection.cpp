@@ -2,9 +2,11 @@
 
 #include <cmath>
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include "Platform/CurlDriver.h"
 #include "Platform/CurlLibrary.h"
+#include "Platform/FileDetail.h"
 #include "Platform/Netrc.h"
 #include "Platform/URLErrors.h"
 
@@ -150,6 +152,17 @@ void URLConnection::_beginRequest(URLRequest request, const std::optional<URLRes
 }
 
 void URLConnection::_startHop() {
+    // curl reads a FIFO or a device that a file URL names until it ends, which may be
+    // never, or finds nothing in it and calls that a success: only a regular file (a
+    // link to one included) is a file to load.
+    if (current_.url.isFileURL()) {
+        struct stat st {};
+        if (::stat(current_.url.path().c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+            _fail(S_ISDIR(st.st_mode) ? kURLErrorFileIsDirectory : kURLErrorNoPermissionsToReadFile,
+                  fmt::format("{}: is {}, not a regular file", current_.url.path(), fs::detail::kindOfMode(st.st_mode)));
+            return;
+        }
+    }
     mode_ = Mode::Pending;
     response_.reset();
     headerLines_.clear();

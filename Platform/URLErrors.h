@@ -20,6 +20,7 @@ inline constexpr int kURLErrorHTTPTooManyRedirects = -1007;
 inline constexpr int kURLErrorBadServerResponse = -1011;
 inline constexpr int kURLErrorUserCancelledAuthentication = -1012;
 inline constexpr int kURLErrorFileDoesNotExist = -1100;
+inline constexpr int kURLErrorFileIsDirectory = -1101;
 inline constexpr int kURLErrorNoPermissionsToReadFile = -1102;
 inline constexpr int kURLErrorSecureConnectionFailed = -1200;
 inline constexpr int kURLErrorServerCertificateUntrusted = -1202;

@@ -129,8 +129,9 @@ void CWFileDownload::_send(const std::shared_ptr<platform::RunLoop>& loop, Callb
 }
 
 void CWFileDownload::_fail(const std::shared_ptr<platform::RunLoop>& loop, int code, const std::string& path,
-                           int errorNumber) {
-    platform::Dictionary info{{platform::kErrorDescriptionKey, fmt::format("{}: {}", describe(code), path)},
+                           int errorNumber, const platform::Error* cause) {
+    std::string why = cause ? cause->description() : path;
+    platform::Dictionary info{{platform::kErrorDescriptionKey, fmt::format("{}: {}", describe(code), why)},
                               {"path", path}};
     if (code != kCWFileDownloadDestinationExists && code != kCWFileDownloadShortWrite)
         info.set("errno", errorNumber);
@@ -149,9 +150,11 @@ void CWFileDownload::_fileCopyThread(const std::shared_ptr<platform::RunLoop>& l
         return;
     }
     platform::Error error;
-    auto src = platform::fs::File::open(_srcPath, {.nonBlocking = true}, &error);
+    // Only a regular file is copied: a FIFO would end at once as if empty, a device
+    // might never end.
+    auto src = platform::fs::File::open(_srcPath, {.nonBlocking = true, .regularFile = true}, &error);
     if (!src) {
-        _fail(loop, kCWFileDownloadCannotOpenSource, _srcPath, int(error.code));
+        _fail(loop, kCWFileDownloadCannotOpenSource, _srcPath, int(error.code), &error);
         return;
     }
     auto out = platform::fs::File::open(dst,
@@ -163,7 +166,7 @@ void CWFileDownload::_fileCopyThread(const std::shared_ptr<platform::RunLoop>& l
                                          .mode = 0644},
                                         &error);
     if (!out) {
-        _fail(loop, kCWFileDownloadCannotOpenDestination, dst, int(error.code));
+        _fail(loop, kCWFileDownloadCannotOpenDestination, dst, int(error.code), &error);
         if (_deleteFileOnFailure) unlink(dst.c_str());
         return;
     }

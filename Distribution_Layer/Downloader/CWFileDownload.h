@@ -68,8 +68,10 @@ private:
     void _send(const std::shared_ptr<platform::RunLoop>& loop, CallbackList callback);
     // `errorNumber` is the errno behind the failure, kept in the user info except for
     // the two codes that have none.
+    // `cause`, when given, says why in place of the bare path ("path: is a FIFO, not a
+    // regular file").
     void _fail(const std::shared_ptr<platform::RunLoop>& loop, int code, const std::string& path,
-               int errorNumber = 0);
+               int errorNumber = 0, const platform::Error* cause = nullptr);
 
     std::string _srcPath;
     bool _isResume = false;

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <cstdlib>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -195,4 +196,44 @@ TEST_F(DownloadCommandTests, FileURLsAndWrongCalls) {
     EXPECT_EQ(lines(err), 1u);
     EXPECT_FALSE(exists(dir / "y"));
     EXPECT_FALSE(sideFiles(dir / "y"));
+}
+
+// What is not a regular file is neither read as a source nor replaced as a destination:
+// a FIFO would end at once as if empty, a device might never end, and renaming over a
+// device, a FIFO or a link would take it away.
+TEST_F(DownloadCommandTests, OnlyRegularFilesAreReadOrReplaced) {
+    writeFile(dir / "source", "file body");
+    std::string source = platform::URL::fileURL(dir / "source").absoluteString();
+    ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
+    std::string err;
+    for (const std::string& unreadable : {dir / "fifo", std::string("/dev/zero"), dir.path()}) {
+        SCOPED_TRACE(unreadable);
+        EXPECT_EQ(run({platform::URL::fileURL(unreadable).absoluteString(), dir / "out"}, &err), 1);
+        EXPECT_EQ(lines(err), 1u) << err;
+        EXPECT_NE(err.find("not a regular file"), std::string::npos) << err;
+        EXPECT_FALSE(exists(dir / "out"));
+        EXPECT_FALSE(sideFiles(dir / "out"));
+    }
+
+    writeFile(dir / "target", "kept");
+    std::filesystem::create_symlink(dir / "target", dir / "link");
+    ASSERT_EQ(0, mkfifo((dir / "fifo-out").c_str(), 0600));
+    std::string device = dir / "null";
+    ASSERT_EQ(0, mknod(device.c_str(), S_IFCHR | 0600, makedev(1, 3)));
+    for (const std::string& kept : {dir / "link", dir / "fifo-out", device}) {
+        SCOPED_TRACE(kept);
+        struct stat before {};
+        ASSERT_EQ(0, lstat(kept.c_str(), &before));
+        for (const std::string& url : {source, nginx.url("/files/small.bin")}) {
+            EXPECT_EQ(run({url, kept}, &err), 1);
+            EXPECT_EQ(lines(err), 1u) << err;
+            EXPECT_NE(err.find("it is left as it is"), std::string::npos) << err;
+            struct stat after {};
+            ASSERT_EQ(0, lstat(kept.c_str(), &after));
+            EXPECT_EQ(before.st_mode, after.st_mode);
+            EXPECT_EQ(before.st_ino, after.st_ino);
+            EXPECT_FALSE(sideFiles(kept));
+        }
+    }
+    EXPECT_EQ(readFile(dir / "target"), "kept");
 }

@@ -303,3 +303,23 @@ TEST_F(URLDownloadTests, AnIdleTransferTimesOut) {
     EXPECT_FALSE(CWURLConnection::sendSynchronousRequest(request, nullptr, &error));
     EXPECT_EQ(error.code, platform::kURLErrorTimedOut);
 }
+
+// A file URL loads only a regular file: a device would be read until memory ran out, a
+// FIFO with no writer would load as empty.
+TEST_F(URLDownloadTests, AFileURLToSomethingOtherThanARegularFileFailsAtOnce) {
+    testsupport::TempDir dir;
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+    testsupport::writeFile(dir / "plain", "plain body");
+    platform::Error error;
+    for (const std::string& path : {std::string("/dev/zero"), dir / "fifo"}) {
+        SCOPED_TRACE(path);
+        EXPECT_FALSE(load(URL::fileURL(path).absoluteString(), nullptr, &error));
+        EXPECT_EQ(error.code, platform::kURLErrorNoPermissionsToReadFile);
+        EXPECT_NE(error.description().find("not a regular file"), std::string::npos) << error.description();
+    }
+    EXPECT_FALSE(load(URL::fileURL(dir.path()).absoluteString(), nullptr, &error));
+    EXPECT_EQ(error.code, platform::kURLErrorFileIsDirectory);
+    auto body = load(URL::fileURL(dir / "plain").absoluteString(), nullptr, &error);
+    ASSERT_TRUE(body);
+    EXPECT_EQ(text(*body), "plain body");
+}
