@@ -10,9 +10,15 @@ namespace {
 
 enum class Op { BeginsWith, EndsWith, Contains, Like, Equal, NotEqual };
 
+// Parentheses and negations nested deeper than this are refused: each level is a few
+// frames of the parser and one of evaluation, and a filter read from a file must not be
+// able to exhaust the stack. Chains of AND or OR do not nest: they are one node each.
+constexpr int kMaximumNesting = 200;
+
 struct Node : FHStringPredicate {
     enum class Kind { Not, And, Or, Compare, Constant } kind = Kind::Constant;
-    std::shared_ptr<Node> left, right;
+    std::shared_ptr<Node> left;                     // of Not
+    std::vector<std::shared_ptr<Node>> operands;   // of And and Or, two or more
     Op op = Op::Equal;
     std::string literal;
     bool literalOnLeft = false;
@@ -21,8 +27,14 @@ struct Node : FHStringPredicate {
     bool evaluateWithObject(std::string_view s) const override {
         switch (kind) {
         case Kind::Not: return !left->evaluateWithObject(s);
-        case Kind::And: return left->evaluateWithObject(s) && right->evaluateWithObject(s);
-        case Kind::Or: return left->evaluateWithObject(s) || right->evaluateWithObject(s);
+        case Kind::And:
+            for (const auto& operand : operands)
+                if (!operand->evaluateWithObject(s)) return false;
+            return true;
+        case Kind::Or:
+            for (const auto& operand : operands)
+                if (operand->evaluateWithObject(s)) return true;
+            return false;
         case Kind::Constant: return constant;
         case Kind::Compare: return compare(s);
         }
@@ -137,42 +149,46 @@ private:
         }
         return false;
     }
-    static std::shared_ptr<Node> combine(Node::Kind kind, std::shared_ptr<Node> l, std::shared_ptr<Node> r) {
+    // `first` alone, or one node of `kind` over it and the operands that follow it.
+    std::shared_ptr<Node> chain(Node::Kind kind, std::shared_ptr<Node> first, std::shared_ptr<Node> (Parser::*operand)(),
+                                std::string_view word, std::string_view symbol) {
+        if (!first) return nullptr;
+        std::vector<std::shared_ptr<Node>> operands;
+        while (accept(Token::Type::Word, word) || accept(Token::Type::Symbol, symbol)) {
+            if (operands.empty()) operands.push_back(std::move(first));
+            auto next = (this->*operand)();
+            if (!next) return nullptr;
+            operands.push_back(std::move(next));
+        }
+        if (operands.empty()) return first;
         auto n = std::make_shared<Node>();
         n->kind = kind;
-        n->left = std::move(l);
-        n->right = std::move(r);
+        n->operands = std::move(operands);
         return n;
     }
 
     std::shared_ptr<Node> orExpression() {
-        auto node = andExpression();
-        while (node && (accept(Token::Type::Word, "OR") || accept(Token::Type::Symbol, "||"))) {
-            auto rhs = andExpression();
-            if (!rhs) return nullptr;
-            node = combine(Node::Kind::Or, node, rhs);
-        }
-        return node;
+        return chain(Node::Kind::Or, andExpression(), &Parser::andExpression, "OR", "||");
     }
     std::shared_ptr<Node> andExpression() {
-        auto node = notExpression();
-        while (node && (accept(Token::Type::Word, "AND") || accept(Token::Type::Symbol, "&&"))) {
-            auto rhs = notExpression();
-            if (!rhs) return nullptr;
-            node = combine(Node::Kind::And, node, rhs);
-        }
-        return node;
+        return chain(Node::Kind::And, notExpression(), &Parser::notExpression, "AND", "&&");
     }
     std::shared_ptr<Node> notExpression() {
         if (accept(Token::Type::Word, "NOT") || accept(Token::Type::Symbol, "!")) {
-            auto inner = notExpression();
-            return inner ? combine(Node::Kind::Not, inner, nullptr) : nullptr;
+            Nested nested(this);
+            auto inner = nested.allowed() ? notExpression() : nullptr;
+            if (!inner) return nullptr;
+            auto n = std::make_shared<Node>();
+            n->kind = Node::Kind::Not;
+            n->left = std::move(inner);
+            return n;
         }
         return primary();
     }
     std::shared_ptr<Node> primary() {
         if (accept(Token::Type::Symbol, "(")) {
-            auto inner = orExpression();
+            Nested nested(this);
+            auto inner = nested.allowed() ? orExpression() : nullptr;
             if (!inner || !accept(Token::Type::Symbol, ")")) return nullptr;
             return inner;
         }
@@ -216,8 +232,17 @@ private:
         return std::nullopt;
     }
 
+    // One more level of parentheses or negation while it lives.
+    struct Nested {
+        explicit Nested(Parser* parser) : parser(parser) { ++parser->nesting_; }
+        ~Nested() { --parser->nesting_; }
+        bool allowed() const { return parser->nesting_ <= kMaximumNesting; }
+        Parser* parser;
+    };
+
     std::vector<Token> tokens_;
     size_t pos_ = 0;
+    int nesting_ = 0;
 };
 
 }  // namespace

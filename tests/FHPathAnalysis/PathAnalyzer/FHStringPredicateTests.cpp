@@ -44,3 +44,34 @@ TEST(FHStringPredicate, PastedTextIsReadByTheLanguage) {
     EXPECT_FALSE(FHStringPredicate::predicateWithFormat("(SELF BEGINSWITH \"/a\""));
     EXPECT_FALSE(FHStringPredicate::predicateWithFormat(""));
 }
+
+// Filters come from files: nesting that would exhaust the stack is refused, while long
+// chains of AND and OR, which do not nest, are read and evaluated in full.
+TEST(FHStringPredicate, DeepNestingIsRefusedAndLongChainsAreNot) {
+    auto nested = [](int depth, const std::string& open, const std::string& close) {
+        std::string text;
+        for (int i = 0; i < depth; ++i) text += open;
+        text += "SELF == \"a\"";
+        for (int i = 0; i < depth; ++i) text += close;
+        return text;
+    };
+    EXPECT_TRUE(eval(nested(200, "(", ")"), "a"));
+    EXPECT_TRUE(eval(nested(200, "NOT ", ""), "a"));  // an even count
+    EXPECT_FALSE(eval(nested(199, "NOT ", ""), "a"));
+    EXPECT_FALSE(FHStringPredicate::predicateWithFormat(nested(201, "(", ")")));
+    EXPECT_FALSE(FHStringPredicate::predicateWithFormat(nested(100000, "(", ")")));
+    EXPECT_FALSE(FHStringPredicate::predicateWithFormat(nested(100000, "! ", "")));
+
+    std::string chain = "SELF == \"x0\"";
+    for (int i = 1; i < 20000; ++i) chain += (i % 2 ? " OR " : " || ") + std::string("SELF == \"x") + std::to_string(i) + "\"";
+    EXPECT_TRUE(eval(chain, "x19999"));
+    EXPECT_TRUE(eval(chain, "x0"));
+    EXPECT_FALSE(eval(chain, "x20000"));
+    std::string all = "SELF CONTAINS \"a\"";
+    for (int i = 0; i < 20000; ++i) all += " AND SELF BEGINSWITH \"a\"";
+    EXPECT_TRUE(eval(all, "abc"));
+    EXPECT_FALSE(eval(all, "bac"));
+    // Precedence is kept: AND binds tighter than OR.
+    EXPECT_TRUE(eval("SELF == \"a\" OR SELF == \"b\" AND SELF == \"c\"", "a"));
+    EXPECT_FALSE(eval("(SELF == \"a\" OR SELF == \"b\") AND SELF == \"c\"", "a"));
+}
