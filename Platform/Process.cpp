@@ -1,5 +1,6 @@
 #include "Platform/Process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -17,9 +18,12 @@ namespace platform {
 
 namespace {
 
-// How long a terminated child may take to exit before it is killed outright.
+// How long a terminated child may take to exit before it is killed outright, and how
+// often it is looked at meanwhile: soon at first, since a child whose output has ended
+// is usually exiting already, then less often.
 constexpr auto kTerminationGrace = std::chrono::seconds(2);
-constexpr auto kPollInterval = std::chrono::milliseconds(5);
+constexpr auto kFirstPollInterval = std::chrono::microseconds(50);
+constexpr auto kLongestPollInterval = std::chrono::microseconds(5000);
 
 class SpawnFileActions {
 public:
@@ -67,7 +71,9 @@ Process::~Process() {
     if (isRunning()) {
         terminate();
         auto deadline = std::chrono::steady_clock::now() + kTerminationGrace;
-        while (isRunning() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(kPollInterval);
+        for (auto interval = kFirstPollInterval; isRunning() && std::chrono::steady_clock::now() < deadline;
+             interval = std::min(interval * 2, kLongestPollInterval))
+            std::this_thread::sleep_for(interval);
         if (isRunning()) kill(pid_, SIGKILL);
     }
     waitUntilExit();
