@@ -1,6 +1,5 @@
 #include "Platform/CurlLibrary.h"
 
-#include <dlfcn.h>
 #include <memory>
 
 #include "Platform/Log.h"
@@ -10,26 +9,11 @@ namespace platform {
 namespace {
 
 std::unique_ptr<CurlLibrary> load(std::string* why) {
-    void* handle = dlopen(CurlLibrary::kFileName, RTLD_NOW | RTLD_LOCAL);
-    if (!handle) {
-        const char* error = dlerror();
-        *why = error ? error : "not found";
-        return nullptr;
-    }
     auto library = std::make_unique<CurlLibrary>();
-    bool complete = true;
-#define FERRYHOLD_CURL_LOOKUP(name)                                                             \
-    library->name = reinterpret_cast<decltype(library->name)>(dlsym(handle, "curl_" #name));   \
-    if (!library->name) {                                                                       \
-        *why = "it has no curl_" #name;                                                         \
-        complete = false;                                                                       \
-    }
-    FERRYHOLD_CURL_FUNCTIONS(FERRYHOLD_CURL_LOOKUP)
-#undef FERRYHOLD_CURL_LOOKUP
-    if (!complete) {
-        dlclose(handle);
+#define FERRYHOLD_CURL_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(*library, curl_, name)
+    if (!detail::loadLazyLibrary(CurlLibrary::kFileName, {FERRYHOLD_CURL_FUNCTIONS(FERRYHOLD_CURL_SYMBOL)}, why))
         return nullptr;
-    }
+#undef FERRYHOLD_CURL_SYMBOL
     if (CURLcode code = library->global_init(CURL_GLOBAL_DEFAULT); code != CURLE_OK) {
         *why = library->easy_strerror(code);
         return nullptr;  // kept loaded: curl may have set up part of its state

@@ -1,12 +1,13 @@
 // libcurl, loaded the first time a URL is parsed or a transfer is made rather than when
 // a program starts. Linked directly, it brings some forty libraries (TLS, Kerberos,
 // LDAP, IDN...) into every process, which costs each of this system's tools about 3 ms
-// before main, most of them never touching the network. The functions used are looked
-// up once, all or nothing.
+// before main, most of them never touching the network (Platform/LazyLibrary).
 #pragma once
 
 #include <curl/curl.h>
 #include <string>
+
+#include "Platform/LazyLibrary.h"
 
 namespace platform {
 
@@ -28,7 +29,7 @@ struct CurlLibrary {
     static const CurlLibrary& loaded() { return *get(); }
 
     // One pointer per function, named after it without the "curl_" prefix.
-#define FERRYHOLD_CURL_POINTER(name) decltype(&::curl_##name) name = nullptr;
+#define FERRYHOLD_CURL_POINTER(name) FERRYHOLD_LAZY_POINTER(curl_, name)
     FERRYHOLD_CURL_FUNCTIONS(FERRYHOLD_CURL_POINTER)
 #undef FERRYHOLD_CURL_POINTER
 };

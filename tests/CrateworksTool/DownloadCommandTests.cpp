@@ -237,3 +237,19 @@ TEST_F(DownloadCommandTests, OnlyRegularFilesAreReadOrReplaced) {
     }
     EXPECT_EQ(readFile(dir / "target"), "kept");
 }
+
+// libcurl is loaded on first use; where it cannot be, the tool says so and fails.
+TEST_F(DownloadCommandTests, ALibcurlThatCannotBeLoadedIsNamed) {
+    writeFile(dir / "lib/libcurl.so.4", "");
+    int status = 0;
+    testsupport::runCommand("LD_LIBRARY_PATH=" + testsupport::shellQuote(dir / "lib") + " " +
+                                testsupport::shellQuote(kTool) + " download " +
+                                testsupport::shellQuote(nginx.url("/files/small.bin")) + " " +
+                                testsupport::shellQuote(dir / "out") + " 2>" + testsupport::shellQuote(dir / "stderr"),
+                            &status);
+    EXPECT_EQ(1, status);
+    std::string err = readFile(dir / "stderr");
+    EXPECT_NE(err.find("libcurl.so.4 cannot be loaded"), std::string::npos) << err;
+    EXPECT_FALSE(exists(dir / "out"));
+    EXPECT_FALSE(sideFiles(dir / "out"));
+}

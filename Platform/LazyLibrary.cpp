@@ -1,0 +1,25 @@
+#include "Platform/LazyLibrary.h"
+
+#include <dlfcn.h>
+
+namespace platform::detail {
+
+bool loadLazyLibrary(const char* soname, const std::vector<LazySymbol>& symbols, std::string* why) {
+    void* handle = dlopen(soname, RTLD_NOW | RTLD_LOCAL);
+    if (!handle) {
+        const char* error = dlerror();
+        *why = error ? error : "not found";
+        return false;
+    }
+    for (const LazySymbol& symbol : symbols) {
+        *symbol.slot = dlsym(handle, symbol.name);
+        if (!*symbol.slot) {
+            *why = std::string("it has no ") + symbol.name;
+            dlclose(handle);
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace platform::detail

@@ -1,0 +1,30 @@
+// Loading a shared library the first time one of its functions is needed, rather than
+// when a program starts: each library linked directly is mapped and relocated before
+// main in every process, including the many that never call it. Used for libcurl, which
+// only the tools' network paths need and which brings some forty libraries with it.
+//
+// A library's table is a struct of function pointers named after the functions without
+// their common prefix, declared and looked up through one X-macro list of names.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace platform::detail {
+
+struct LazySymbol {
+    const char* name;
+    void** slot;  // where the function's address goes
+};
+
+// Opens `soname` (kept open for the life of the process) and looks every symbol up; false,
+// with the reason in `why`, when the library or any one of them is missing.
+bool loadLazyLibrary(const char* soname, const std::vector<LazySymbol>& symbols, std::string* why);
+
+}  // namespace platform::detail
+
+// A pointer member for function PREFIX##NAME, called NAME.
+#define FERRYHOLD_LAZY_POINTER(prefix, name) decltype(&::prefix##name) name = nullptr;
+// The lookup entry for that member of `table`.
+#define FERRYHOLD_LAZY_SYMBOL(table, prefix, name) \
+    platform::detail::LazySymbol{#prefix #name, reinterpret_cast<void**>(&(table).name)},
