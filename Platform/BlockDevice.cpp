@@ -4,26 +4,51 @@
 #include <sys/stat.h>
 
 #include "Platform/File.h"
+#include "Platform/LazyLibrary.h"
 
 namespace platform::blockdevice {
+
+namespace {
+
+// libblkid, loaded when a label is first asked for (Platform/LazyLibrary).
+#define FERRYHOLD_BLKID_FUNCTIONS(X)                                                                  \
+    X(new_probe) X(free_probe) X(probe_set_device) X(probe_enable_superblocks)                       \
+    X(probe_set_superblocks_flags) X(do_safeprobe) X(probe_lookup_value)
+
+struct BlkidLibrary {
+    static constexpr const char* kFileName = "libblkid.so.1";
+#define FERRYHOLD_BLKID_POINTER(name) FERRYHOLD_LAZY_POINTER(blkid_, name)
+    FERRYHOLD_BLKID_FUNCTIONS(FERRYHOLD_BLKID_POINTER)
+#undef FERRYHOLD_BLKID_POINTER
+    static std::vector<detail::LazySymbol> symbols(BlkidLibrary& table) {
+#define FERRYHOLD_BLKID_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, blkid_, name)
+        return {FERRYHOLD_BLKID_FUNCTIONS(FERRYHOLD_BLKID_SYMBOL)};
+#undef FERRYHOLD_BLKID_SYMBOL
+    }
+};
+
+}  // namespace
 
 std::optional<std::string> fileSystemLabel(const std::string& device) {
     auto file = fs::File::open(device, {.nonBlocking = true});
     if (!file) return std::nullopt;
     struct stat st {};
     if (fstat(file->descriptor(), &st) != 0 || !(S_ISBLK(st.st_mode) || S_ISREG(st.st_mode))) return std::nullopt;
-    blkid_probe probe = blkid_new_probe();
+    // Without the library no label can be read; the volume is named otherwise.
+    const BlkidLibrary* blkid = detail::lazyTable<BlkidLibrary>();
+    if (!blkid) return std::nullopt;
+    blkid_probe probe = blkid->new_probe();
     if (!probe) return std::nullopt;
     std::optional<std::string> label;
-    if (blkid_probe_set_device(probe, file->descriptor(), 0, 0) == 0) {
-        blkid_probe_enable_superblocks(probe, 1);
-        blkid_probe_set_superblocks_flags(probe, BLKID_SUBLKS_LABEL | BLKID_SUBLKS_TYPE);
+    if (blkid->probe_set_device(probe, file->descriptor(), 0, 0) == 0) {
+        blkid->probe_enable_superblocks(probe, 1);
+        blkid->probe_set_superblocks_flags(probe, BLKID_SUBLKS_LABEL | BLKID_SUBLKS_TYPE);
         const char* value = nullptr;
-        if (blkid_do_safeprobe(probe) == 0 && blkid_probe_lookup_value(probe, "LABEL", &value, nullptr) == 0 && value &&
+        if (blkid->do_safeprobe(probe) == 0 && blkid->probe_lookup_value(probe, "LABEL", &value, nullptr) == 0 && value &&
             *value)
             label = value;
     }
-    blkid_free_probe(probe);
+    blkid->free_probe(probe);
     return label;
 }
 

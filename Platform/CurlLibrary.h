@@ -28,6 +28,8 @@ struct CurlLibrary {
     // The loaded library, where get() is known to have succeeded (a transfer exists).
     static const CurlLibrary& loaded() { return *get(); }
 
+    static std::vector<detail::LazySymbol> symbols(CurlLibrary& table);
+
     // One pointer per function, named after it without the "curl_" prefix.
 #define FERRYHOLD_CURL_POINTER(name) FERRYHOLD_LAZY_POINTER(curl_, name)
     FERRYHOLD_CURL_FUNCTIONS(FERRYHOLD_CURL_POINTER)

@@ -1,12 +1,14 @@
 // Loading a shared library the first time one of its functions is needed, rather than
 // when a program starts: each library linked directly is mapped and relocated before
 // main in every process, including the many that never call it. Used for libcurl, which
-// only the tools' network paths need and which brings some forty libraries with it.
+// only the tools' network paths need and which brings some forty libraries with it, and
+// for libmount and libblkid, which only the volume list and the disk picker need.
 //
 // A library's table is a struct of function pointers named after the functions without
 // their common prefix, declared and looked up through one X-macro list of names.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,21 @@ struct LazySymbol {
 // Opens `soname` (kept open for the life of the process) and looks every symbol up; false,
 // with the reason in `why`, when the library or any one of them is missing.
 bool loadLazyLibrary(const char* soname, const std::vector<LazySymbol>& symbols, std::string* why);
+
+// The process's table of `Table`, loaded by the first caller (the others wait for it):
+// `Table::kFileName` names the library and `Table::symbols(table)` lists the lookups that
+// fill `table`. Null, with the reason in `why` when given, when it cannot be loaded.
+template <typename Table>
+const Table* lazyTable(std::string* why = nullptr) {
+    static std::string failure;
+    static const std::unique_ptr<Table> table = [] {
+        auto loaded = std::make_unique<Table>();
+        if (!loadLazyLibrary(Table::kFileName, Table::symbols(*loaded), &failure)) loaded.reset();
+        return loaded;
+    }();
+    if (!table && why) *why = failure;
+    return table.get();
+}
 
 }  // namespace platform::detail
 

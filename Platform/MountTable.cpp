@@ -7,16 +7,39 @@
 
 #include "Platform/File.h"
 #include "Platform/FileSystem.h"
+#include "Platform/LazyLibrary.h"
 
 namespace platform::mounts {
 
 namespace {
 
+// libmount, loaded when a mount table is first read (Platform/LazyLibrary).
+#define FERRYHOLD_MOUNT_FUNCTIONS(X)                                                                         \
+    X(new_table) X(unref_table) X(table_get_userdata) X(table_set_userdata) X(table_set_parser_errcb)       \
+    X(table_parse_stream) X(new_iter) X(free_iter) X(table_next_fs) X(optstr_get_option) X(fs_get_source)  \
+    X(fs_get_target) X(fs_get_fstype) X(fs_get_root) X(fs_get_vfs_options) X(fs_get_fs_options)            \
+    X(fs_is_pseudofs) X(fs_is_netfs) X(fs_get_srcpath)
+
+struct MountLibrary {
+    static constexpr const char* kFileName = "libmount.so.1";
+#define FERRYHOLD_MOUNT_POINTER(name) FERRYHOLD_LAZY_POINTER(mnt_, name)
+    FERRYHOLD_MOUNT_FUNCTIONS(FERRYHOLD_MOUNT_POINTER)
+#undef FERRYHOLD_MOUNT_POINTER
+    static std::vector<detail::LazySymbol> symbols(MountLibrary& table) {
+#define FERRYHOLD_MOUNT_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, mnt_, name)
+        return {FERRYHOLD_MOUNT_FUNCTIONS(FERRYHOLD_MOUNT_SYMBOL)};
+#undef FERRYHOLD_MOUNT_SYMBOL
+    }
+};
+
+// Only ever called once the table has loaded.
+const MountLibrary& mnt() { return *detail::lazyTable<MountLibrary>(); }
+
 // A mount table is a few kilobytes; anything far larger was not written by the kernel.
 constexpr uint64_t kMaxTableSize = 16u << 20;
 
 struct TableDeleter {
-    void operator()(libmnt_table* table) const { mnt_unref_table(table); }
+    void operator()(libmnt_table* table) const { mnt().unref_table(table); }
 };
 struct StreamDeleter {
     void operator()(FILE* stream) const { fclose(stream); }
@@ -24,26 +47,26 @@ struct StreamDeleter {
 
 // libmount numbers the lines it cannot take; the first one is kept, and parsing stops.
 int rememberBadLine(libmnt_table* table, const char*, int line) {
-    auto* firstBadLine = static_cast<int*>(mnt_table_get_userdata(table));
+    auto* firstBadLine = static_cast<int*>(mnt().table_get_userdata(table));
     if (*firstBadLine == 0) *firstBadLine = line;
     return -EINVAL;
 }
 
 bool hasOption(const char* options, const char* name) {
-    return options && mnt_optstr_get_option(options, name, nullptr, nullptr) == 0;
+    return options && mnt().optstr_get_option(options, name, nullptr, nullptr) == 0;
 }
 
 MountEntry entryOf(libmnt_fs* fs) {
     auto text = [](const char* s) { return s ? std::string(s) : std::string(); };
     MountEntry entry;
-    entry.source = text(mnt_fs_get_source(fs));
-    entry.mountPoint = text(mnt_fs_get_target(fs));
-    entry.fileSystemType = text(mnt_fs_get_fstype(fs));
-    entry.root = text(mnt_fs_get_root(fs));
-    entry.readOnly = hasOption(mnt_fs_get_vfs_options(fs), "ro") || hasOption(mnt_fs_get_fs_options(fs), "ro");
-    entry.pseudo = mnt_fs_is_pseudofs(fs) != 0;
-    entry.network = mnt_fs_is_netfs(fs) != 0;
-    entry.sourceIsPath = mnt_fs_get_srcpath(fs) != nullptr && entry.source.starts_with("/");
+    entry.source = text(mnt().fs_get_source(fs));
+    entry.mountPoint = text(mnt().fs_get_target(fs));
+    entry.fileSystemType = text(mnt().fs_get_fstype(fs));
+    entry.root = text(mnt().fs_get_root(fs));
+    entry.readOnly = hasOption(mnt().fs_get_vfs_options(fs), "ro") || hasOption(mnt().fs_get_fs_options(fs), "ro");
+    entry.pseudo = mnt().fs_is_pseudofs(fs) != 0;
+    entry.network = mnt().fs_is_netfs(fs) != 0;
+    entry.sourceIsPath = mnt().fs_get_srcpath(fs) != nullptr && entry.source.starts_with("/");
     return entry;
 }
 
@@ -65,16 +88,21 @@ std::optional<std::vector<MountEntry>> readMountInfo(const std::string& path, Er
         return std::nullopt;
     }
 
-    std::unique_ptr<libmnt_table, TableDeleter> table(mnt_new_table());
+    std::string why;
+    if (!detail::lazyTable<MountLibrary>(&why)) {
+        setError(error, fs::posixError(ENOSYS, path, std::string(MountLibrary::kFileName) + " cannot be loaded: " + why));
+        return std::nullopt;
+    }
+    std::unique_ptr<libmnt_table, TableDeleter> table(mnt().new_table());
     std::unique_ptr<FILE, StreamDeleter> stream(fmemopen(bytes->data(), bytes->size(), "r"));
     if (!table || !stream) {
         setError(error, fs::posixError(ENOMEM, path));
         return std::nullopt;
     }
     int firstBadLine = 0;
-    mnt_table_set_userdata(table.get(), &firstBadLine);
-    mnt_table_set_parser_errcb(table.get(), rememberBadLine);
-    int rc = mnt_table_parse_stream(table.get(), stream.get(), path.c_str());
+    mnt().table_set_userdata(table.get(), &firstBadLine);
+    mnt().table_set_parser_errcb(table.get(), rememberBadLine);
+    int rc = mnt().table_parse_stream(table.get(), stream.get(), path.c_str());
     if (rc != 0 || firstBadLine != 0) {
         std::string reason = firstBadLine ? "line " + std::to_string(firstBadLine) + " is not a mount table entry"
                                           : "not a mount table";
@@ -83,14 +111,14 @@ std::optional<std::vector<MountEntry>> readMountInfo(const std::string& path, Er
     }
 
     std::vector<MountEntry> entries;
-    libmnt_iter* iterator = mnt_new_iter(MNT_ITER_FORWARD);
+    libmnt_iter* iterator = mnt().new_iter(MNT_ITER_FORWARD);
     if (!iterator) {
         setError(error, fs::posixError(ENOMEM, path));
         return std::nullopt;
     }
     libmnt_fs* fs = nullptr;
-    while (mnt_table_next_fs(table.get(), iterator, &fs) == 0) entries.push_back(entryOf(fs));
-    mnt_free_iter(iterator);
+    while (mnt().table_next_fs(table.get(), iterator, &fs) == 0) entries.push_back(entryOf(fs));
+    mnt().free_iter(iterator);
     return entries;
 }
 

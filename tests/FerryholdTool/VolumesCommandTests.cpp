@@ -103,6 +103,15 @@ TEST_F(VolumesCommandTest, AMountTableThatCannotBeReadIsNoEmptyList) {
     ASSERT_EQ(1u, err.size());
     EXPECT_EQ("ferryhold: the mount table cannot be read: " + missing + ": No such file or directory", err[0]);
 
+    // libmount is loaded when the table is read; where it cannot be, that is the reason.
+    writeFile(dir / "lib/libmount.so.1", "");
+    out = ferryhold("volumes", &status, "LD_LIBRARY_PATH=" + shellQuote(dir / "lib"));
+    EXPECT_EQ(1, status);
+    EXPECT_EQ("", out);
+    err = lines(readFile(dir / "stderr"));
+    ASSERT_EQ(1u, err.size());
+    EXPECT_NE(std::string::npos, err[0].find("libmount.so.1 cannot be loaded")) << err[0];
+
     // Wrong calls: a required size that is no number, an empty target.
     ferryhold("volumes --required-size lots", &status);
     EXPECT_EQ(2, status);
