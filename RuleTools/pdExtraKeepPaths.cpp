@@ -51,8 +51,9 @@ int main(int argc, char** argv) {
     std::set<std::string> changed;
     std::vector<std::string> found;  // of one BOM, kept only when its walks end cleanly
     std::string file;
-    for (const auto& receipt : crateworks::CWReceipt::_findReceiptsOnVolumeAtPath(root)) {
-        auto store = crateworks::bom::BOMStore::openFile(receipt->bomPath());
+    // Only each receipt's BOM is read: its property list says nothing this tool needs.
+    for (const auto& bomPath : crateworks::CWReceipt::_bomPathsOnVolumeAtPath(root)) {
+        auto store = crateworks::bom::BOMStore::openFile(bomPath);
         if (!store) continue;
         found.clear();
         bool damaged = false;
@@ -70,7 +71,7 @@ int main(int argc, char** argv) {
             damaged = damaged || status == crateworks::bom::BOMWalkStatus::kDamaged;
         }
         if (damaged) {
-            fprintf(stderr, "pdExtraKeepPaths: %s: the BOM is damaged; it is left out\n", receipt->bomPath().c_str());
+            fprintf(stderr, "pdExtraKeepPaths: %s: the BOM is damaged; it is left out\n", bomPath.c_str());
             continue;
         }
         for (auto& path : found) changed.insert(std::move(path));

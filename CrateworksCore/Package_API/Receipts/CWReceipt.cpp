@@ -78,43 +78,68 @@ CWReceipt::ReceiptList CWReceipt::receiptsAtPath(const std::string& directory) {
 }
 
 CWReceipt::ReceiptList CWReceipt::_findReceiptsOnVolumeAtPath(const std::optional<std::string>& volumePath) {
-    std::string destination = volumePath.value_or("/");
+    ReceiptList receipts;
+    _forEachReceiptPathOnVolume(
+        volumePath.value_or("/"),
+        [&](const std::string& bomPath, bool secure) {
+            if (auto receipt = initWithBOMPath(bomPath)) {
+                if (secure) receipt->_setSecure(true);
+                receipts.push_back(std::move(receipt));
+            }
+        },
+        [&](const std::string& bundlePath) {
+            if (auto receipt = initWithBundlePkgPath(bundlePath)) receipts.push_back(std::move(receipt));
+        });
+    return receipts;
+}
+
+std::vector<std::string> CWReceipt::_bomPathsOnVolumeAtPath(const std::string& volumePath) {
+    std::vector<std::string> paths;
+    _forEachReceiptPathOnVolume(
+        volumePath,
+        [&](const std::string& bomPath, bool) {
+            if (fs::exists(bomPath)) paths.push_back(bomPath);
+        },
+        [&](const std::string& bundlePath) {
+            if (auto receipt = initWithBundlePkgPath(bundlePath)) paths.push_back(receipt->bomPath());
+        });
+    return paths;
+}
+
+void CWReceipt::_forEachReceiptPathOnVolume(const std::string& destination,
+                                            const std::function<void(const std::string&, bool)>& bom,
+                                            const std::function<void(const std::string&)>& bundle) {
     std::vector<size_t> secureIndexes;
     auto bomDirectories = _searchDirectoriesForBOMReceiptsOnDestination(destination, &secureIndexes);
-    ReceiptList receipts;
     for (size_t i = 0; i < bomDirectories.size(); ++i) {
         bool secure = std::find(secureIndexes.begin(), secureIndexes.end(), i) != secureIndexes.end();
-        for (auto& receipt : _findReceiptsFromBOMsDirectory(bomDirectories[i])) {
-            if (secure) receipt->_setSecure(true);
-            receipts.push_back(std::move(receipt));
-        }
+        for (const auto& path : _filesWithExtensionInDirectory(bomDirectories[i], "bom")) bom(path, secure);
     }
-    for (const auto& directory : _searchDirectoriesForBundleReceiptsOnDestination(destination)) {
-        auto bundles = _findBundleReceiptsFromDirectory(directory);
-        receipts.insert(receipts.end(), bundles.begin(), bundles.end());
-    }
-    return receipts;
+    for (const auto& directory : _searchDirectoriesForBundleReceiptsOnDestination(destination))
+        for (const auto& path : _filesWithExtensionInDirectory(directory, "pkg")) bundle(path);
+}
+
+std::vector<std::string> CWReceipt::_filesWithExtensionInDirectory(const std::string& directory,
+                                                                  std::string_view extension) {
+    std::vector<std::string> paths;
+    auto names = fs::contentsOfDirectory(directory);
+    if (!names) return paths;
+    for (const auto& name : *names)
+        if (path::extension(name) == extension) paths.push_back(path::appendComponent(directory, name));
+    return paths;
 }
 
 CWReceipt::ReceiptList CWReceipt::_findReceiptsFromBOMsDirectory(const std::string& directory) {
     ReceiptList receipts;
-    auto names = fs::contentsOfDirectory(directory);
-    if (!names) return receipts;
-    for (const auto& name : *names) {
-        if (path::extension(name) != "bom") continue;
-        if (auto receipt = initWithBOMPath(path::appendComponent(directory, name))) receipts.push_back(receipt);
-    }
+    for (const auto& path : _filesWithExtensionInDirectory(directory, "bom"))
+        if (auto receipt = initWithBOMPath(path)) receipts.push_back(receipt);
     return receipts;
 }
 
 CWReceipt::ReceiptList CWReceipt::_findBundleReceiptsFromDirectory(const std::string& directory) {
     ReceiptList receipts;
-    auto names = fs::contentsOfDirectory(directory);
-    if (!names) return receipts;
-    for (const auto& name : *names) {
-        if (path::extension(name) != "pkg") continue;
-        if (auto receipt = initWithBundlePkgPath(path::appendComponent(directory, name))) receipts.push_back(receipt);
-    }
+    for (const auto& path : _filesWithExtensionInDirectory(directory, "pkg"))
+        if (auto receipt = initWithBundlePkgPath(path)) receipts.push_back(receipt);
     return receipts;
 }
 

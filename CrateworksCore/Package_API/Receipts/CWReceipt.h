@@ -8,9 +8,11 @@
 // "Library/Receipts" (BOM and bundle receipts) and "Library/Receipts/boms".
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Platform/Error.h"
@@ -62,6 +64,9 @@ public:
     // The uncached scan of a volume (nil means "/").
     static ReceiptList _findReceiptsOnVolumeAtPath(const std::optional<std::string>& volumePath);
     static ReceiptList _findReceiptsFromBOMsDirectory(const std::string& directory);
+    // The BOM file of every receipt that _findReceiptsOnVolumeAtPath would find, in the
+    // same order, without reading the receipts' property lists.
+    static std::vector<std::string> _bomPathsOnVolumeAtPath(const std::string& volumePath);
     static ReceiptList _findBundleReceiptsFromDirectory(const std::string& directory);
     // The existing BOM receipt directories of the destination, in search order; the
     // secure indexes receive 0 exactly when the protected directory is among them.
@@ -75,6 +80,14 @@ public:
                                                             const std::string& destination);
     // The ".plist" beside a BOM: same directory and base name.
     static std::string _receiptDictionaryPathFromBOMPath(const std::string& bomPath);
+    // Each BOM receipt's path on the volume with whether its folder is the secure one,
+    // then each bundle receipt's path, in the order the receipt folders are searched.
+    static void _forEachReceiptPathOnVolume(const std::string& destination,
+                                            const std::function<void(const std::string&, bool secure)>& bom,
+                                            const std::function<void(const std::string&)>& bundle);
+    // The entries of `directory` whose extension is `extension`, joined to it.
+    static std::vector<std::string> _filesWithExtensionInDirectory(const std::string& directory,
+                                                                   std::string_view extension);
     static CWReceiptsCache& _sharedReceiptsCache();
     static void _clearCache();
 

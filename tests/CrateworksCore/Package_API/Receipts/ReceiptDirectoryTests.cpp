@@ -4,6 +4,8 @@
 #include <map>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "CrateworksCore/Package_API/Receipts/CWReceipt.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Path.h"
@@ -58,6 +60,15 @@ TEST(ReceiptDirectories, ScanOrderSecureFlagAndReceiptExtensions) {
     EXPECT_EQ((std::vector<bool>{true, true, false, false, false}), secure);
     EXPECT_EQ(dir / "private/var/db/receipts/" + ids[0] + ".bom", receipts[0]->bomPath());
     EXPECT_EQ(dir / "Library/Receipts/Old.pkg", receipts[4]->bundlePath());
+
+    // The BOM paths alone, for the rule tool: the same files in the same order, also for
+    // a receipt whose property list is missing.
+    std::filesystem::remove(dir / "Library/Receipts/com.vendor.library.plist");
+    std::vector<std::string> expected;
+    for (const auto& receipt : CWReceipt::_findReceiptsOnVolumeAtPath(dir.path())) expected.push_back(receipt->bomPath());
+    ASSERT_EQ(5u, expected.size());
+    EXPECT_EQ(expected, CWReceipt::_bomPathsOnVolumeAtPath(dir.path()));
+    EXPECT_TRUE(CWReceipt::_bomPathsOnVolumeAtPath(dir / "nowhere").empty());
 }
 
 // Anyone who can write to a volume's receipts folder can plant a FIFO named like a
