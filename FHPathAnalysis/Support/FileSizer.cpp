@@ -7,9 +7,11 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fmt/format.h>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -99,7 +101,11 @@ public:
         std::unique_lock lock(mutex_);
         ++idle_;
         for (;;) {
-            if (!running()) pending_.clear();
+            const bool cancelled = !running();
+            if (cancelled) {
+                pending_.clear();
+                waiting_.store(0, std::memory_order_release);
+            }
             if (!pending_.empty()) {
                 *directory = std::move(pending_.back());
                 pending_.pop_back();
@@ -108,27 +114,48 @@ public:
                 hungry_.store(idle_ > 0 && pending_.empty(), std::memory_order_relaxed);
                 return true;
             }
-            if (idle_ == walkers_ || done_.load(std::memory_order_relaxed)) {
+            if (idle_ >= walkers_ || done_.load(std::memory_order_relaxed)) {
                 done_.store(true, std::memory_order_release);
                 hungry_.store(false, std::memory_order_relaxed);
                 changed_.notify_all();
                 return false;
             }
-            hungry_.store(true, std::memory_order_relaxed);
-            lock.unlock();
-            bool changed = spinUntil(
-                [&] {
-                    return waiting_.load(std::memory_order_acquire) > 0 || done_.load(std::memory_order_acquire) ||
-                           !running();
-                },
-                kHandOverSpin);
-            lock.lock();
+            // Cancelled, nothing more is handed over: the other walker's arrival here, when
+            // its current item is done, ends the wait.
+            hungry_.store(!cancelled, std::memory_order_relaxed);
+            bool changed = false;
+            if (!cancelled) {
+                lock.unlock();
+                changed = spinUntil(
+                    [&] { return waiting_.load(std::memory_order_acquire) > 0 || done_.load(std::memory_order_acquire); },
+                    kHandOverSpin);
+                lock.lock();
+            }
             if (!changed && pending_.empty() && !done_.load(std::memory_order_relaxed)) changed_.wait(lock);
         }
     }
 
+    // A walker that cannot walk (it has no listing buffer) takes no part: what would have
+    // been handed to it is walked by the others.
+    void leave() {
+        std::lock_guard lock(mutex_);
+        --walkers_;
+        if (idle_ >= walkers_) changed_.notify_all();
+    }
+
+    // Ends the sizing at once, whatever the walkers are doing: for a walker that leaves
+    // by an exception, so that the other does not wait for it.
+    void abandon() {
+        std::lock_guard lock(mutex_);
+        pending_.clear();
+        waiting_.store(0, std::memory_order_release);
+        hungry_.store(false, std::memory_order_relaxed);
+        done_.store(true, std::memory_order_release);
+        changed_.notify_all();
+    }
+
 private:
-    const int walkers_;
+    int walkers_;
     std::atomic<bool> hungry_{false};
     std::atomic<size_t> waiting_{0};
     std::atomic<bool> done_{false};
@@ -159,6 +186,7 @@ public:
     // share, the bytes of this walker's part only: the subdirectories it handed over are
     // another's, and it goes on with what it is handed until the share is done.
     uint64_t sizeOfDirectory(const std::string& path, WalkerShare* share = nullptr) {
+        _discardLeftovers();
         share_ = share;
         Level* top = _level(0);
         if (top && top->iterator->open(path))
@@ -173,6 +201,7 @@ public:
 
     // Walks what `share` hands out until it is done; the bytes of those walks.
     uint64_t sizeOfShare(WalkerShare& share) {
+        _discardLeftovers();
         share_ = &share;
         _walkShared(share, _level(0));
         share_ = nullptr;
@@ -180,6 +209,13 @@ public:
     }
 
 private:
+    // A sizing that ended by an exception (a log sink may throw) leaves bytes counted and
+    // directories open: neither belongs to the next one.
+    void _discardLeftovers() {
+        for (auto& level : levels_) level->iterator->close();
+        session_.takeTotal();
+    }
+
     Level* _level(size_t depth) {
         while (levels_.size() <= depth) {
             auto iterator = CatalogueIterator::create(&session_);
@@ -230,12 +266,12 @@ private:
         _walk(depth);
     }
 
-    // Without a listing buffer (`top` null), what it is handed counts 0, as an
-    // unreadable directory would.
+    // Without a listing buffer (`top` null) this walker leaves the share to the other.
     void _walkShared(WalkerShare& share, Level* top) {
+        if (!top) return share.leave();
         platform::fs::File directory;
         while (share.take(&directory))
-            if (top && top->iterator->open(std::move(directory))) _walk(0);
+            if (top->iterator->open(std::move(directory))) _walk(0);
     }
 
     // Hands the other walker the subdirectory nearest the top of this walk that is still
@@ -272,11 +308,23 @@ private:
 class SecondWalker {
 public:
     // The process's second walker, free for a sizing; null when another sizing has it.
+    // Null as well where no thread can be started (a limit on tasks, a sandbox): sizing
+    // then goes on with one walker, and the process does not try again.
     static SecondWalker* claim() {
         static std::mutex guard;
         static SecondWalker* walker = nullptr;
+        static pid_t failedIn = 0;
         std::lock_guard lock(guard);
-        if (!walker || walker->owner_ != getpid()) walker = new SecondWalker();  // a fork's copy is left be
+        if (!walker || walker->owner_ != getpid()) {  // a fork's copy is left be
+            if (failedIn == getpid()) return nullptr;
+            walker = nullptr;
+            try {
+                walker = new SecondWalker();
+            } catch (const std::system_error&) {
+                failedIn = getpid();
+                return nullptr;
+            }
+        }
         bool expected = false;
         return walker->claimed_.compare_exchange_strong(expected, true) ? walker : nullptr;
     }
@@ -291,16 +339,20 @@ public:
         changed_.notify_all();
     }
 
-    // Waits until the share is done; the bytes this walker counted. Frees it for the next sizing.
-    uint64_t finish() {
+    // Waits until the share is done; the bytes this walker counted. Frees it for the next
+    // sizing. What its walk threw (a log sink may throw) is thrown here, on the thread
+    // that asked for the sizing, unless `rethrow` is false (that thread is unwinding).
+    uint64_t finish(bool rethrow = true) {
         spinUntil([&] { return finished_.load(std::memory_order_acquire); }, kHandOverSpin);
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] { return finished_.load(std::memory_order_relaxed); });
         claimed_.store(false);
+        if (auto thrown = std::exchange(thrown_, nullptr); thrown && rethrow) std::rethrow_exception(thrown);
         return total_;
     }
 
 private:
+    // The thread is started last, once every member it uses exists.
     SecondWalker() : owner_(getpid()) { std::thread([this] { _run(); }).detach(); }
 
     void _run() {
@@ -313,11 +365,19 @@ private:
                 changed_.wait(lock, [&] { return share_.load(std::memory_order_relaxed) != nullptr; });
                 share = share_.load(std::memory_order_relaxed);
             }
-            uint64_t total = walk.sizeOfShare(*share);
+            uint64_t total = 0;
+            std::exception_ptr thrown;
+            try {
+                total = walk.sizeOfShare(*share);
+            } catch (...) {
+                thrown = std::current_exception();
+                share->abandon();
+            }
             {
                 std::lock_guard lock(mutex_);
                 share_.store(nullptr, std::memory_order_relaxed);
                 total_ = total;
+                thrown_ = thrown;
                 finished_.store(true, std::memory_order_release);
             }
             changed_.notify_all();
@@ -330,6 +390,7 @@ private:
     std::condition_variable changed_;
     std::atomic<WalkerShare*> share_{nullptr};
     uint64_t total_ = 0;
+    std::exception_ptr thrown_;
     std::atomic<bool> finished_{true};
 };
 
@@ -355,7 +416,20 @@ uint64_t walkDirectory(const std::string& path) {
         if (SecondWalker* second = SecondWalker::claim()) {
             WalkerShare share(2);
             second->start(share);
+            // Should this walker leave by an exception, the other is stopped and waited for
+            // before the share it walks goes away.
+            struct Join {
+                WalkerShare& share;
+                SecondWalker& second;
+                bool joined = false;
+                ~Join() {
+                    if (joined) return;
+                    share.abandon();
+                    second.finish(false);
+                }
+            } join{share, *second};
             uint64_t mine = cached->sizeOfDirectory(path, &share);
+            join.joined = true;
             return mine + second->finish();
         }
     }

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -100,7 +101,11 @@ public:
     CapturedConsole() {
         previous_ = platform::setConsoleSink([this](std::string_view message) {
             if (message.rfind("FileSizer: ", 0) == 0) return;  // the once-per-process method report
-            messages.emplace_back(message);
+            {
+                // Either walker may log.
+                std::lock_guard lock(mutex_);
+                messages.emplace_back(message);
+            }
             if (onMessage) onMessage(message);
         });
         previousSystem_ = platform::setSystemLogSink([](int, std::string_view) {});
@@ -113,6 +118,7 @@ public:
     std::function<void(std::string_view)> onMessage;
 
 private:
+    std::mutex mutex_;
     platform::ConsoleSink previous_;
     platform::SystemLogSink previousSystem_;
 };
@@ -502,6 +508,34 @@ TEST_F(FileSizerTest, TwoWalkersStopAtACancelAndSizeInFullAfterwards) {
     EXPECT_LT(sized, first + findAllocated(three.second) - findAllocated(three.second + "/" + three.failing));
     CatalogueIterator::setFailingDirectoryNameForTesting(std::nullopt);
     EXPECT_EQ(three.full, FileSizer::sizeForPaths(three.paths()));
+}
+
+// A log sink that throws, on whichever walker's thread it runs, ends the sizing with
+// that exception on the thread that asked; the next sizing has both walkers again.
+TEST_F(FileSizerTest, AnExceptionInEitherWalkerReachesTheCallerAndLeavesBothFree) {
+    std::string root = temp / "uneven";
+    buildUnevenTree(root);
+    for (int top = 0; top < 12; ++top) writeSized(root + "/t" + std::to_string(top) + "/locked/inside", 5000);
+    CatalogueSession::setMethodForTesting(CatalogueSession::Method::twoWalkers);
+    CatalogueIterator::setFailingDirectoryNameForTesting("locked");
+    for (int run = 0; run < 10; ++run) {
+        CapturedConsole console;
+        console.onMessage = [](std::string_view message) {
+            if (message == "FSOpenIterator failed.") throw std::runtime_error("sink");
+        };
+        EXPECT_THROW(FileSizer::sizeForPath(root), std::runtime_error) << "run " << run;
+    }
+    CatalogueIterator::setFailingDirectoryNameForTesting(std::nullopt);
+    std::mutex mutex;
+    std::set<std::thread::id> walkers;
+    platform::fs::ScopedWalkHook hook([&](std::string_view) {
+        std::lock_guard lock(mutex);
+        walkers.insert(std::this_thread::get_id());
+    });
+    uint64_t expected = findAllocated(root);
+    // Over several sizings, so that a slow wake-up of the second walker cannot hide it.
+    for (int run = 0; run < 10; ++run) ASSERT_EQ(expected, FileSizer::sizeForPath(root)) << "run " << run;
+    EXPECT_EQ(2u, walkers.size());
 }
 
 TEST_F(FileSizerTest, AForkedChildSizesWithTwoWalkersOfItsOwn) {
