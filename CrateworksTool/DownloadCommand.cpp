@@ -126,6 +126,7 @@ std::optional<std::string> destinationPath(const platform::URL& url, const std::
 
 int download(const Arguments* parsed) {
     auto url = tool::urlFromArgument(parsed->url);
+    if (auto why = platform::URL::unavailableReason()) return fail(parsed->url, *why);
     if (!url || (url->scheme() != "http" && url->scheme() != "https" && url->scheme() != "file"))
         return fail(parsed->url, "not an http, https or file URL");
     crateworks::CWDownload::addDownloadClass(crateworks::CWSecureURLDownload::downloadClass());

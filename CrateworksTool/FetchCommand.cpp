@@ -251,6 +251,7 @@ std::optional<std::vector<Reference>> packagesToFetch(const crateworks::CWProduc
 
 int fetchProduct(const Arguments* parsed) {
     auto url = tool::urlFromArgument(parsed->productURL);
+    if (auto why = platform::URL::unavailableReason()) return fail(parsed->productURL, *why);
     if (!url) return fail(parsed->productURL, "not a URL");
     crateworks::CWDownload::addDownloadClass(crateworks::CWSecureURLDownload::downloadClass());
     crateworks::CWSecureURLDownload::setCertificateAuthorityFile(parsed->caFile);

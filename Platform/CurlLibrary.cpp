@@ -10,11 +10,23 @@ std::vector<detail::LazySymbol> CurlLibrary::symbols(CurlLibrary& table) {
 #undef FERRYHOLD_CURL_SYMBOL
 }
 
+namespace {
+std::string& failure() {
+    static std::string why;
+    return why;
+}
+}  // namespace
+
+const std::string& CurlLibrary::loadFailure() {
+    get();
+    return failure();
+}
+
 const CurlLibrary* CurlLibrary::get() {
     // Set up once, by the first thread to ask; the others wait for it. Never closed:
     // curl's global state lives as long as the process.
     static const CurlLibrary* library = [] {
-        std::string why;
+        std::string& why = failure();
         const CurlLibrary* loaded = detail::lazyTable<CurlLibrary>(&why);
         if (loaded) {
             if (CURLcode code = loaded->global_init(CURL_GLOBAL_DEFAULT); code != CURLE_OK) {

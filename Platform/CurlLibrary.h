@@ -25,6 +25,8 @@ struct CurlLibrary {
     // The library, loaded and initialised on first use; null when it cannot be loaded,
     // after one console line saying why.
     static const CurlLibrary* get();
+    // Why get() answers null; empty while it does not.
+    static const std::string& loadFailure();
     // The loaded library, where get() is known to have succeeded (a transfer exists).
     static const CurlLibrary& loaded() { return *get(); }
 

@@ -15,6 +15,8 @@ bool loadLazyLibrary(const char* soname, const std::vector<LazySymbol>& symbols,
         *symbol.slot = dlsym(handle, symbol.name);
         if (!*symbol.slot) {
             *why = std::string("it has no ") + symbol.name;
+            // None, rather than some pointing into a library about to be closed.
+            for (const LazySymbol& filled : symbols) *filled.slot = nullptr;
             dlclose(handle);
             return false;
         }

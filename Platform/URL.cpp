@@ -1,5 +1,6 @@
 #include "Platform/URL.h"
 
+#include <fmt/format.h>
 #include <memory>
 
 #include "Platform/CurlLibrary.h"
@@ -57,6 +58,11 @@ std::optional<URL> URL::parse(std::string_view reference, const URL& base) {
     if (curl->url_set(h.get(), CURLUPART_URL, std::string(reference).c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
         return std::nullopt;
     return parse(part(*curl, h.get(), CURLUPART_URL));
+}
+
+std::optional<std::string> URL::unavailableReason() {
+    if (CurlLibrary::get()) return std::nullopt;
+    return fmt::format("{} cannot be loaded: {}", CurlLibrary::kFileName, CurlLibrary::loadFailure());
 }
 
 URL URL::fileURL(std::string_view path) {

@@ -13,6 +13,9 @@ public:
     static std::optional<URL> parse(std::string_view text);
     // `reference` resolved against `base` (an absolute reference stands on its own).
     static std::optional<URL> parse(std::string_view reference, const URL& base);
+    // Why no URL can be parsed in this process ("libcurl.so.4 cannot be loaded: ..."),
+    // which parse() then answers as if the text were no URL; absent normally.
+    static std::optional<std::string> unavailableReason();
     // The file URL of an absolute path, percent-encoding what needs it.
     static URL fileURL(std::string_view path);
 

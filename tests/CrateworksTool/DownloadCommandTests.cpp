@@ -250,6 +250,11 @@ TEST_F(DownloadCommandTests, ALibcurlThatCannotBeLoadedIsNamed) {
     EXPECT_EQ(1, status);
     std::string err = readFile(dir / "stderr");
     EXPECT_NE(err.find("libcurl.so.4 cannot be loaded"), std::string::npos) << err;
+    // The command's own line says it too, not that the URL is none.
+    EXPECT_NE(err.find("download: \"" + nginx.url("/files/small.bin") + "\": libcurl.so.4 cannot be loaded"),
+              std::string::npos)
+        << err;
+    EXPECT_EQ(err.find("not an http"), std::string::npos) << err;
     EXPECT_FALSE(exists(dir / "out"));
     EXPECT_FALSE(sideFiles(dir / "out"));
 }

@@ -27,6 +27,7 @@ TEST(LazyLibrary, EveryFunctionOrNoneAndAReasonWhenNone) {
                                                {"no_such_function_here", &missing}},
                                  &why));
     EXPECT_EQ("it has no no_such_function_here", why);
+    EXPECT_EQ(nullptr, length);  // none filled, not some
     EXPECT_FALSE(loadLazyLibrary("libnothing-of-the-kind.so.9", {{"f", &missing}}, &why));
     EXPECT_NE(std::string::npos, why.find("libnothing-of-the-kind.so.9")) << why;
 }
