@@ -144,6 +144,9 @@ int download(const Arguments* parsed) {
     // The file arrives by renaming over DEST: a device, a FIFO or a link there is left alone.
     if (auto refusal = platform::fs::AtomicFile::refusalFor(dest)) return fail(parsed->url, refusal->description());
     const std::string partial = dest + ".partial", state = dest + ".partialState";
+    // The side files are this command's own: anything else under their names stays.
+    for (const std::string& side : {partial, state})
+        if (auto refusal = platform::fs::AtomicFile::refusalFor(side)) return fail(parsed->url, refusal->description());
     Transfer transfer;
     // File copies start over: the copy class appends from the source's first byte on resume.
     std::shared_ptr<crateworks::CWDownload> download;
@@ -173,8 +176,10 @@ int download(const Arguments* parsed) {
 
     if (transfer.finished && !tool::interrupted()) {
         platform::Error error;
-        // Checked again: something else may have been put there while the file arrived.
-        if (auto refusal = platform::fs::AtomicFile::refusalFor(dest)) return fail(parsed->url, refusal->description());
+        // Checked again: something else may have been put in either place while the file arrived.
+        for (const std::string& end : {partial, dest})
+            if (auto refusal = platform::fs::AtomicFile::refusalFor(end))
+                return fail(parsed->url, refusal->description());
         if (!platform::fs::moveItem(partial, dest, &error))
             return fail(parsed->url, "cannot move into place: " + error.description());
         platform::fs::removeItem(state);

@@ -191,11 +191,15 @@ void URLDownload::connectionDidReceiveResponse(URLConnection&, const URLResponse
 }
 
 bool URLDownload::_openDestination(bool append, Error* error) {
+    // Only a regular file is written, and never through a link: a device, a FIFO or a
+    // link planted under the destination's name is refused.
     auto file = fs::File::open(*destination_,
                                {.access = fs::OpenOptions::Access::Write,
                                 .create = true,
                                 .exclusive = !append && !isResume_ && !allowOverwrite_,
                                 .truncate = !append,
+                                .followFinalLink = false,
+                                .regularFile = true,
                                 .mode = 0644},
                                error);
     if (!file) return false;

@@ -163,6 +163,7 @@ void CWFileDownload::_fileCopyThread(const std::shared_ptr<platform::RunLoop>& l
                                          .truncate = _overwriteIfFileExists,
                                          .append = _isResume,
                                          .followFinalLink = false,
+                                         .regularFile = true,
                                          .mode = 0644},
                                         &error);
     if (!out) {

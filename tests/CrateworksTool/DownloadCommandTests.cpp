@@ -236,6 +236,25 @@ TEST_F(DownloadCommandTests, OnlyRegularFilesAreReadOrReplaced) {
         }
     }
     EXPECT_EQ(readFile(dir / "target"), "kept");
+
+    // The side files likewise: a link planted as DEST.partial is not written through (a
+    // resume would append to its target), a FIFO as DEST.partialState is not read.
+    std::filesystem::create_symlink(dir / "target", dir / "planted.partial");
+    ASSERT_EQ(0, mkfifo((dir / "planted2.partialState").c_str(), 0600));
+    writeFile(dir / "planted2.partial", "0123");
+    for (const std::string& dest : {dir / "planted", dir / "planted2"}) {
+        SCOPED_TRACE(dest);
+        for (const std::string& url : {source, nginx.url("/files/small.bin")}) {
+            EXPECT_EQ(run({url, dest}, &err), 1);
+            EXPECT_EQ(lines(err), 1u) << err;
+            EXPECT_NE(err.find("it is left as it is"), std::string::npos) << err;
+            EXPECT_FALSE(exists(dest));
+        }
+    }
+    EXPECT_EQ(readFile(dir / "target"), "kept");
+    EXPECT_TRUE(std::filesystem::is_symlink(dir / "planted.partial"));
+    EXPECT_TRUE(std::filesystem::is_fifo(dir / "planted2.partialState"));
+    EXPECT_EQ(readFile(dir / "planted2.partial"), "0123");
 }
 
 // libcurl is loaded on first use; where it cannot be, the tool says so and fails.
