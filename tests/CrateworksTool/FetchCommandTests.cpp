@@ -417,3 +417,20 @@ TEST_F(FetchCommandTests, WrongCallsAndUnusableProductsWriteNothing) {
     }
     EXPECT_TRUE(faults.requests().empty());
 }
+
+// A link planted under a package's side-file name is never written through: that
+// package fails (after its retry) and the link's target is as it was; the others arrive.
+TEST_F(FetchCommandTests, ALinkPlantedAsAPartialFileIsNotWrittenThrough) {
+    std::vector<Package> packages{{"A.bin", "com.example.a", "alpha body"}, {"B.bin", "com.example.b", "bee"}};
+    std::string url = product("planted", packages);
+    std::filesystem::create_directories(dest);
+    writeFile(dir / "victim", "precious");
+    std::filesystem::create_symlink(dir / "victim", dest + "/A.bin.partial");
+    std::string out, err;
+    EXPECT_EQ(run({url, dest}, &out, &err), 1);
+    EXPECT_EQ(readFile(dir / "victim"), "precious");
+    EXPECT_TRUE(std::filesystem::is_symlink(dest + "/A.bin.partial"));
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(dest + "/A.bin")));
+    EXPECT_EQ(readFile(dest + "/B.bin"), "bee");
+    EXPECT_EQ(count(out, "failed"), 1u) << out;
+}
