@@ -12,6 +12,8 @@
 #include <plist/plist.h>
 #include <string_view>
 
+#include "Platform/LazyLibrary.h"
+
 namespace platform::plist::detail {
 
 namespace {
@@ -77,6 +79,31 @@ struct FirstError {
     std::string message;
 };
 
+// libxml2, loaded only when a broken XML property list has to be described
+// (Platform/LazyLibrary): with ICU behind it, linking it would cost every process.
+#define FERRYHOLD_XML_FUNCTIONS(X)                                                                       \
+    X(InitParser) X(NewParserCtxt) X(FreeParserCtxt) X(FreeDoc) X(GetLineNo) X(SetGenericErrorFunc)      \
+    X(CtxtReadMemory) X(DocGetRootElement)
+// The accessors behind the xmlGenericError and xmlGenericErrorContext macros.
+#define FERRYHOLD_XML_GLOBALS(X) X(GenericError) X(GenericErrorContext)
+
+struct XmlLibrary {
+    static constexpr const char* kFileName = "libxml2.so.2";
+#define FERRYHOLD_XML_POINTER(name) FERRYHOLD_LAZY_POINTER(xml, name)
+#define FERRYHOLD_XML_GLOBAL_POINTER(name) FERRYHOLD_LAZY_POINTER(__xml, name)
+    FERRYHOLD_XML_FUNCTIONS(FERRYHOLD_XML_POINTER)
+    FERRYHOLD_XML_GLOBALS(FERRYHOLD_XML_GLOBAL_POINTER)
+#undef FERRYHOLD_XML_POINTER
+#undef FERRYHOLD_XML_GLOBAL_POINTER
+    static std::vector<platform::detail::LazySymbol> symbols(XmlLibrary& table) {
+#define FERRYHOLD_XML_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, xml, name)
+#define FERRYHOLD_XML_GLOBAL_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, __xml, name)
+        return {FERRYHOLD_XML_FUNCTIONS(FERRYHOLD_XML_SYMBOL) FERRYHOLD_XML_GLOBALS(FERRYHOLD_XML_GLOBAL_SYMBOL)};
+#undef FERRYHOLD_XML_SYMBOL
+#undef FERRYHOLD_XML_GLOBAL_SYMBOL
+    }
+};
+
 // Later errors mostly follow from the first, so only that one is kept.
 void keepFirstError(void* context, xmlErrorPtr error) {
     auto* parser = static_cast<xmlParserCtxtPtr>(context);
@@ -91,10 +118,12 @@ void keepFirstError(void* context, xmlErrorPtr error) {
 }
 
 struct ParserDeleter {
-    void operator()(xmlParserCtxt* parser) const { xmlFreeParserCtxt(parser); }
+    const XmlLibrary* xml;
+    void operator()(xmlParserCtxt* parser) const { xml->FreeParserCtxt(parser); }
 };
 struct DocumentDeleter {
-    void operator()(xmlDoc* document) const { xmlFreeDoc(document); }
+    const XmlLibrary* xml;
+    void operator()(xmlDoc* document) const { xml->FreeDoc(document); }
 };
 
 std::string_view nameOf(const xmlNode* node) { return reinterpret_cast<const char*>(node->name); }
@@ -116,24 +145,24 @@ bool isValueElement(std::string_view name) {
 }
 
 // The first element of a well-formed document that no property list holds there.
-std::optional<std::string> structuralFailure(const xmlNode* node) {
+std::optional<std::string> structuralFailure(const XmlLibrary& xml, const xmlNode* node) {
     if (!isValueElement(nameOf(node)) || nameOf(node) == "key")
-        return fmt::format("Line {}: <{}> is not a property-list value.", xmlGetLineNo(node), nameOf(node));
+        return fmt::format("Line {}: <{}> is not a property-list value.", xml.GetLineNo(node), nameOf(node));
     bool inDictionary = nameOf(node) == "dict";
     bool wantKey = true;
     for (const xmlNode* child = firstElement(node->children); child; child = firstElement(child->next)) {
         if (inDictionary) {
             bool isKey = nameOf(child) == "key";
             if (isKey != wantKey)
-                return fmt::format("Line {}: <dict> holds <{}> where a {} belongs.", xmlGetLineNo(child),
+                return fmt::format("Line {}: <dict> holds <{}> where a {} belongs.", xml.GetLineNo(child),
                                    nameOf(child), wantKey ? "<key>" : "value");
             wantKey = !wantKey;
             if (isKey) continue;
         }
         if (nameOf(node) != "dict" && nameOf(node) != "array")
-            return fmt::format("Line {}: <{}> holds the element <{}>.", xmlGetLineNo(child), nameOf(node),
+            return fmt::format("Line {}: <{}> holds the element <{}>.", xml.GetLineNo(child), nameOf(node),
                                nameOf(child));
-        if (auto failure = structuralFailure(child)) return failure;
+        if (auto failure = structuralFailure(xml, child)) return failure;
     }
     return std::nullopt;
 }
@@ -144,32 +173,37 @@ std::optional<std::string> structuralFailure(const xmlNode* node) {
 void dropGenericError(void*, const char*, ...) {}
 
 std::string xmlFailure(std::span<const uint8_t> bytes) {
+    std::string why;
+    const XmlLibrary* xml = platform::detail::lazyTable<XmlLibrary>(&why);
+    if (!xml)
+        return fmt::format("The XML document cannot be examined: {} cannot be loaded: {}", XmlLibrary::kFileName, why);
     static std::once_flag initialised;
-    std::call_once(initialised, [] { xmlInitParser(); });
-    std::unique_ptr<xmlParserCtxt, ParserDeleter> parser(xmlNewParserCtxt());
+    std::call_once(initialised, [xml] { xml->InitParser(); });
+    std::unique_ptr<xmlParserCtxt, ParserDeleter> parser(xml->NewParserCtxt(), ParserDeleter{xml});
     if (!parser) return "The XML document cannot be examined: out of memory.";
     FirstError first;
     parser->_private = &first;
     parser->sax->serror = keepFirstError;
-    xmlGenericErrorFunc previousHandler = xmlGenericError;
-    void* previousContext = xmlGenericErrorContext;
-    xmlSetGenericErrorFunc(nullptr, dropGenericError);
+    xmlGenericErrorFunc previousHandler = *xml->GenericError();
+    void* previousContext = *xml->GenericErrorContext();
+    xml->SetGenericErrorFunc(nullptr, dropGenericError);
     std::unique_ptr<xmlDoc, DocumentDeleter> document(
-        xmlCtxtReadMemory(parser.get(), reinterpret_cast<const char*>(bytes.data()), int(bytes.size()), nullptr,
-                          nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_BIG_LINES));
-    xmlSetGenericErrorFunc(previousContext, previousHandler);
+        xml->CtxtReadMemory(parser.get(), reinterpret_cast<const char*>(bytes.data()), int(bytes.size()), nullptr,
+                            nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_BIG_LINES),
+        DocumentDeleter{xml});
+    xml->SetGenericErrorFunc(previousContext, previousHandler);
     if (first.seen && (!document || !parser->wellFormed)) {
         std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         return fmt::format("XML error at line {}, column {} (byte {}): {}", first.line, first.column,
                            byteOffset(text, first.line, first.column), first.message);
     }
-    const xmlNode* root = document ? xmlDocGetRootElement(document.get()) : nullptr;
+    const xmlNode* root = document ? xml->DocGetRootElement(document.get()) : nullptr;
     if (!root) return "The XML document has no root element.";
     if (nameOf(root) != "plist")
         return fmt::format("The XML document's root element is <{}>, not <plist>.", nameOf(root));
     const xmlNode* top = firstElement(root->children);
-    if (!top) return fmt::format("Line {}: <plist> holds no value.", xmlGetLineNo(root));
-    if (auto failure = structuralFailure(top)) return *failure;
+    if (!top) return fmt::format("Line {}: <plist> holds no value.", xml->GetLineNo(root));
+    if (auto failure = structuralFailure(*xml, top)) return *failure;
     return "The XML document is well formed but not a property list.";
 }
 

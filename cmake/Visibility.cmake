@@ -22,7 +22,9 @@ set_property(TARGET Crateworks PROPERTY SOURCES ${crateworks_sources})
 add_library(CrateworksXar STATIC ${xar_sources})
 target_link_libraries(CrateworksXar
   PUBLIC Platform
-  PRIVATE PkgConfig::LIBXML2 PkgConfig::LIBDEFLATE ZLIB::ZLIB BZip2::BZip2 LibLZMA::LibLZMA)
+  PRIVATE PkgConfig::LIBDEFLATE ZLIB::ZLIB BZip2::BZip2 LibLZMA::LibLZMA)
+# libxml2's headers only: the TOC reader loads the library when a TOC is first read.
+target_include_directories(CrateworksXar PRIVATE ${LIBXML2_INCLUDE_DIRS})
 target_link_libraries(Crateworks PRIVATE CrateworksXar)
 set(FERRYHOLD_CRATEWORKS_MAP ${CMAKE_SOURCE_DIR}/cmake/crateworks.map)
 target_link_options(Crateworks PRIVATE "LINKER:--version-script=${FERRYHOLD_CRATEWORKS_MAP}")

@@ -107,6 +107,26 @@ TEST(XarCommand, NotAnArchiveAndWrongCalls) {
     }
 }
 
+// libxml2 is loaded when a table of contents is first read; where it cannot be, the
+// archive is refused with that reason, not believed empty.
+TEST(XarCommand, ALibxml2ThatCannotBeLoadedIsNamed) {
+    TempDir tmp;
+    testsupport::writeFile(tmp / "src/file.txt", "body");
+    int status = -1;
+    runTool("xar create " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "src"), &status);
+    ASSERT_EQ(0, status);
+    testsupport::writeFile(tmp / "lib/libxml2.so.2", "");
+    std::string out = runTool("xar list " + shellQuote(tmp / "a.xar"), &status);
+    EXPECT_EQ(0, status) << out;  // the same archive reads with the real library
+    out = testsupport::runCommand("LD_LIBRARY_PATH=" + shellQuote(tmp / "lib") + " " +
+                                      shellQuote(std::string(FERRYHOLD_BINARY_DIR) + "/crateworks") + " xar list " +
+                                      shellQuote(tmp / "a.xar") + " 2>&1",
+                                  &status);
+    EXPECT_EQ(1, status);
+    EXPECT_EQ(1u, lines(out).size()) << out;
+    EXPECT_NE(std::string::npos, out.find("libxml2.so.2 cannot be loaded")) << out;
+}
+
 }  // namespace
 
 namespace {

@@ -7,6 +7,7 @@
 
 #include "CrateworksCore/Package_API/Archive/xar/XarLimits.h"
 #include "Platform/Base64.h"
+#include "Platform/LazyLibrary.h"
 #include "Platform/Strings.h"
 
 namespace crateworks::xar {
@@ -94,19 +95,39 @@ std::string lowerTrimmed(std::string_view s) {
     return out;
 }
 
+// libxml2's reader, loaded when a TOC is first read (Platform/LazyLibrary): with ICU
+// behind it, linking it would cost every program of the system at start-up.
+#define FERRYHOLD_XML_READER_FUNCTIONS(X)                                                                \
+    X(ReaderForMemory) X(FreeTextReader) X(TextReaderRead) X(TextReaderNodeType) X(TextReaderConstValue) \
+    X(TextReaderConstName) X(TextReaderMoveToNextAttribute) X(TextReaderMoveToElement)                   \
+    X(TextReaderIsEmptyElement)
+
+struct XmlReaderLibrary {
+    static constexpr const char* kFileName = "libxml2.so.2";
+#define FERRYHOLD_XML_POINTER(name) FERRYHOLD_LAZY_POINTER(xml, name)
+    FERRYHOLD_XML_READER_FUNCTIONS(FERRYHOLD_XML_POINTER)
+#undef FERRYHOLD_XML_POINTER
+    static std::vector<platform::detail::LazySymbol> symbols(XmlReaderLibrary& table) {
+#define FERRYHOLD_XML_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, xml, name)
+        return {FERRYHOLD_XML_READER_FUNCTIONS(FERRYHOLD_XML_SYMBOL)};
+#undef FERRYHOLD_XML_SYMBOL
+    }
+};
+
 // Reads the TOC as a stream of elements (no document tree is built): every leaf
 // element below a <file> becomes a property named by its element path, <file>
 // elements become entries, and the archive-level elements are read for the checksum
 // and the signatures.
 class Parser {
 public:
-    Parser(xmlTextReaderPtr reader, std::string* diagnostic) : reader_(reader), diagnostic_(diagnostic) {}
+    Parser(const XmlReaderLibrary& xml, xmlTextReaderPtr reader, std::string* diagnostic)
+        : xml_(xml), reader_(reader), diagnostic_(diagnostic) {}
 
     std::optional<Toc> run() {
         int rc;
-        while ((rc = xmlTextReaderRead(reader_)) == 1) {
+        while ((rc = xml_.TextReaderRead(reader_)) == 1) {
             bool ok = true;
-            switch (xmlTextReaderNodeType(reader_)) {
+            switch (xml_.TextReaderNodeType(reader_)) {
             case XML_READER_TYPE_DOCUMENT_TYPE: return fail("the TOC carries a DOCTYPE");
             case XML_READER_TYPE_ELEMENT: ok = startElement(); break;
             case XML_READER_TYPE_END_ELEMENT: ok = endElement(); break;
@@ -115,7 +136,7 @@ public:
                 if (!frames_.empty()) {
                     Frame& top = frames_.back();
                     if (!top.text) top.text.emplace();
-                    top.text->append(reinterpret_cast<const char*>(xmlTextReaderConstValue(reader_)));
+                    top.text->append(reinterpret_cast<const char*>(xml_.TextReaderConstValue(reader_)));
                 }
                 break;
             default: break;
@@ -156,10 +177,10 @@ private:
 
     std::vector<std::pair<std::string, std::string>> readAttributes() {
         std::vector<std::pair<std::string, std::string>> out;
-        while (xmlTextReaderMoveToNextAttribute(reader_) == 1)
-            out.emplace_back(reinterpret_cast<const char*>(xmlTextReaderConstName(reader_)),
-                             reinterpret_cast<const char*>(xmlTextReaderConstValue(reader_)));
-        xmlTextReaderMoveToElement(reader_);
+        while (xml_.TextReaderMoveToNextAttribute(reader_) == 1)
+            out.emplace_back(reinterpret_cast<const char*>(xml_.TextReaderConstName(reader_)),
+                             reinterpret_cast<const char*>(xml_.TextReaderConstValue(reader_)));
+        xml_.TextReaderMoveToElement(reader_);
         return out;
     }
 
@@ -171,8 +192,8 @@ private:
     }
 
     bool startElement() {
-        std::string name = reinterpret_cast<const char*>(xmlTextReaderConstName(reader_));
-        bool empty = xmlTextReaderIsEmptyElement(reader_);
+        std::string name = reinterpret_cast<const char*>(xml_.TextReaderConstName(reader_));
+        bool empty = xml_.TextReaderIsEmptyElement(reader_);
         Frame frame{Kind::Inner, name, name, readAttributes(), std::nullopt, false, 0};
         if (frames_.empty()) {
             frame.kind = Kind::Outside;
@@ -349,6 +370,7 @@ private:
         return true;
     }
 
+    const XmlReaderLibrary& xml_;
     xmlTextReaderPtr reader_;
     std::string* diagnostic_;
     Toc toc_;
@@ -464,14 +486,21 @@ std::optional<Toc> parseToc(std::string_view xml, std::string* diagnostic) {
     // HUGE lifts the parser's own nesting cap so that kMaxDepth is the one that holds;
     // no DTD is loaded and no entity is substituted.
     int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_HUGE | XML_PARSE_NOBLANKS;
-    xmlTextReaderPtr reader = xmlReaderForMemory(xml.data(), int(xml.size()), nullptr, nullptr, options);
+    std::string why;
+    const XmlReaderLibrary* library = platform::detail::lazyTable<XmlReaderLibrary>(&why);
+    if (!library) {
+        if (diagnostic) *diagnostic = fmt::format("the TOC cannot be read: {} cannot be loaded: {}",
+                                                  XmlReaderLibrary::kFileName, why);
+        return std::nullopt;
+    }
+    xmlTextReaderPtr reader = library->ReaderForMemory(xml.data(), int(xml.size()), nullptr, nullptr, options);
     if (!reader) {
         if (diagnostic) *diagnostic = "the TOC is not well-formed XML";
         return std::nullopt;
     }
     if (diagnostic) diagnostic->clear();
-    auto toc = Parser(reader, diagnostic).run();
-    xmlFreeTextReader(reader);
+    auto toc = Parser(*library, reader, diagnostic).run();
+    library->FreeTextReader(reader);
     return toc;
 }
 
