@@ -11,21 +11,11 @@ namespace platform::blockdevice {
 namespace {
 
 // libblkid, loaded when a label is first asked for (Platform/LazyLibrary).
-#define FERRYHOLD_BLKID_FUNCTIONS(X)                                                                  \
-    X(new_probe) X(free_probe) X(probe_set_device) X(probe_enable_superblocks)                       \
-    X(probe_set_superblocks_flags) X(do_safeprobe) X(probe_lookup_value)
-
-struct BlkidLibrary {
-    static constexpr const char* kFileName = "libblkid.so.1";
-#define FERRYHOLD_BLKID_POINTER(name) FERRYHOLD_LAZY_POINTER(blkid_, name)
-    FERRYHOLD_BLKID_FUNCTIONS(FERRYHOLD_BLKID_POINTER)
-#undef FERRYHOLD_BLKID_POINTER
-    static std::vector<detail::LazySymbol> symbols(BlkidLibrary& table) {
-#define FERRYHOLD_BLKID_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, blkid_, name)
-        return {FERRYHOLD_BLKID_FUNCTIONS(FERRYHOLD_BLKID_SYMBOL)};
-#undef FERRYHOLD_BLKID_SYMBOL
-    }
-};
+#define FERRYHOLD_BLKID_FUNCTIONS(X, ...)                                                            \
+    X(__VA_ARGS__, new_probe) X(__VA_ARGS__, free_probe) X(__VA_ARGS__, probe_set_device)              \
+    X(__VA_ARGS__, probe_enable_superblocks) X(__VA_ARGS__, probe_set_superblocks_flags)               \
+    X(__VA_ARGS__, do_safeprobe) X(__VA_ARGS__, probe_lookup_value)
+FERRYHOLD_LAZY_TABLE(BlkidLibrary, "libblkid.so.1", FERRYHOLD_BLKID_FUNCTIONS, blkid_);
 
 }  // namespace
 

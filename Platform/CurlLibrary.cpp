@@ -5,9 +5,7 @@
 namespace platform {
 
 std::vector<detail::LazySymbol> CurlLibrary::symbols(CurlLibrary& table) {
-#define FERRYHOLD_CURL_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, curl_, name)
-    return {FERRYHOLD_CURL_FUNCTIONS(FERRYHOLD_CURL_SYMBOL)};
-#undef FERRYHOLD_CURL_SYMBOL
+    return {FERRYHOLD_CURL_FUNCTIONS(FERRYHOLD_LAZY_SYMBOL, table, curl_)};
 }
 
 namespace {

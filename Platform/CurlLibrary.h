@@ -11,12 +11,14 @@
 
 namespace platform {
 
-#define FERRYHOLD_CURL_FUNCTIONS(X)                                                                      \
-    X(global_init)                                                                                       \
-    X(free) X(easy_init) X(easy_cleanup) X(easy_reset) X(easy_setopt) X(easy_getinfo) X(easy_strerror)  \
-    X(multi_init) X(multi_cleanup) X(multi_add_handle) X(multi_remove_handle) X(multi_setopt)           \
-    X(multi_socket_action) X(multi_info_read) X(slist_append) X(slist_free_all) X(url) X(url_cleanup)   \
-    X(url_get) X(url_set)
+#define FERRYHOLD_CURL_FUNCTIONS(X, ...)                                                             \
+    X(__VA_ARGS__, global_init) X(__VA_ARGS__, free) X(__VA_ARGS__, easy_init) X(__VA_ARGS__, easy_cleanup) \
+    X(__VA_ARGS__, easy_reset) X(__VA_ARGS__, easy_setopt) X(__VA_ARGS__, easy_getinfo)               \
+    X(__VA_ARGS__, easy_strerror) X(__VA_ARGS__, multi_init) X(__VA_ARGS__, multi_cleanup)            \
+    X(__VA_ARGS__, multi_add_handle) X(__VA_ARGS__, multi_remove_handle) X(__VA_ARGS__, multi_setopt) \
+    X(__VA_ARGS__, multi_socket_action) X(__VA_ARGS__, multi_info_read) X(__VA_ARGS__, slist_append)  \
+    X(__VA_ARGS__, slist_free_all) X(__VA_ARGS__, url) X(__VA_ARGS__, url_cleanup) X(__VA_ARGS__, url_get) \
+    X(__VA_ARGS__, url_set)
 
 struct CurlLibrary {
     // The soname the build's headers belong to.
@@ -33,9 +35,7 @@ struct CurlLibrary {
     static std::vector<detail::LazySymbol> symbols(CurlLibrary& table);
 
     // One pointer per function, named after it without the "curl_" prefix.
-#define FERRYHOLD_CURL_POINTER(name) FERRYHOLD_LAZY_POINTER(curl_, name)
-    FERRYHOLD_CURL_FUNCTIONS(FERRYHOLD_CURL_POINTER)
-#undef FERRYHOLD_CURL_POINTER
+    FERRYHOLD_CURL_FUNCTIONS(FERRYHOLD_LAZY_POINTER, curl_)
 };
 
 }  // namespace platform

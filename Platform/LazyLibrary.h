@@ -5,7 +5,8 @@
 // for libmount and libblkid, which only the volume list and the disk picker need.
 //
 // A library's table is a struct of function pointers named after the functions without
-// their common prefix, declared and looked up through one X-macro list of names.
+// their common prefix, declared and looked up through one list of names: a macro called
+// as LIST(X, args...) that writes X(args..., name) for each name.
 #pragma once
 
 #include <memory>
@@ -45,3 +46,13 @@ const Table* lazyTable(std::string* why = nullptr) {
 // The lookup entry for that member of `table`.
 #define FERRYHOLD_LAZY_SYMBOL(table, prefix, name) \
     platform::detail::LazySymbol{#prefix #name, reinterpret_cast<void**>(&(table).name)},
+// Declares the table NAME of the functions PREFIX##name, for each name of LIST, of the
+// library SONAME, as lazyTable<NAME>() wants it.
+#define FERRYHOLD_LAZY_TABLE(NAME, SONAME, LIST, PREFIX)                           \
+    struct NAME {                                                                 \
+        static constexpr const char* kFileName = SONAME;                          \
+        LIST(FERRYHOLD_LAZY_POINTER, PREFIX)                                      \
+        static std::vector<platform::detail::LazySymbol> symbols(NAME& table) {   \
+            return {LIST(FERRYHOLD_LAZY_SYMBOL, table, PREFIX)};                  \
+        }                                                                         \
+    }

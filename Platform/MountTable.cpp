@@ -14,23 +14,15 @@ namespace platform::mounts {
 namespace {
 
 // libmount, loaded when a mount table is first read (Platform/LazyLibrary).
-#define FERRYHOLD_MOUNT_FUNCTIONS(X)                                                                         \
-    X(new_table) X(unref_table) X(table_get_userdata) X(table_set_userdata) X(table_set_parser_errcb)       \
-    X(table_parse_stream) X(new_iter) X(free_iter) X(table_next_fs) X(optstr_get_option) X(fs_get_source)  \
-    X(fs_get_target) X(fs_get_fstype) X(fs_get_root) X(fs_get_vfs_options) X(fs_get_fs_options)            \
-    X(fs_is_pseudofs) X(fs_is_netfs) X(fs_get_srcpath)
-
-struct MountLibrary {
-    static constexpr const char* kFileName = "libmount.so.1";
-#define FERRYHOLD_MOUNT_POINTER(name) FERRYHOLD_LAZY_POINTER(mnt_, name)
-    FERRYHOLD_MOUNT_FUNCTIONS(FERRYHOLD_MOUNT_POINTER)
-#undef FERRYHOLD_MOUNT_POINTER
-    static std::vector<detail::LazySymbol> symbols(MountLibrary& table) {
-#define FERRYHOLD_MOUNT_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, mnt_, name)
-        return {FERRYHOLD_MOUNT_FUNCTIONS(FERRYHOLD_MOUNT_SYMBOL)};
-#undef FERRYHOLD_MOUNT_SYMBOL
-    }
-};
+#define FERRYHOLD_MOUNT_FUNCTIONS(X, ...)                                                                  \
+    X(__VA_ARGS__, new_table) X(__VA_ARGS__, unref_table) X(__VA_ARGS__, table_get_userdata)                 \
+    X(__VA_ARGS__, table_set_userdata) X(__VA_ARGS__, table_set_parser_errcb) X(__VA_ARGS__, table_parse_stream) \
+    X(__VA_ARGS__, new_iter) X(__VA_ARGS__, free_iter) X(__VA_ARGS__, table_next_fs)                          \
+    X(__VA_ARGS__, optstr_get_option) X(__VA_ARGS__, fs_get_source) X(__VA_ARGS__, fs_get_target)             \
+    X(__VA_ARGS__, fs_get_fstype) X(__VA_ARGS__, fs_get_root) X(__VA_ARGS__, fs_get_vfs_options)              \
+    X(__VA_ARGS__, fs_get_fs_options) X(__VA_ARGS__, fs_is_pseudofs) X(__VA_ARGS__, fs_is_netfs)              \
+    X(__VA_ARGS__, fs_get_srcpath)
+FERRYHOLD_LAZY_TABLE(MountLibrary, "libmount.so.1", FERRYHOLD_MOUNT_FUNCTIONS, mnt_);
 
 // Only ever called once the table has loaded.
 const MountLibrary& mnt() { return *detail::lazyTable<MountLibrary>(); }

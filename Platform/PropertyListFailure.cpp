@@ -81,26 +81,20 @@ struct FirstError {
 
 // libxml2, loaded only when a broken XML property list has to be described
 // (Platform/LazyLibrary): with ICU behind it, linking it would cost every process.
-#define FERRYHOLD_XML_FUNCTIONS(X)                                                                       \
-    X(InitParser) X(NewParserCtxt) X(FreeParserCtxt) X(FreeDoc) X(GetLineNo) X(SetGenericErrorFunc)      \
-    X(CtxtReadMemory) X(DocGetRootElement)
+#define FERRYHOLD_XML_FUNCTIONS(X, ...)                                                               \
+    X(__VA_ARGS__, InitParser) X(__VA_ARGS__, NewParserCtxt) X(__VA_ARGS__, FreeParserCtxt)            \
+    X(__VA_ARGS__, FreeDoc) X(__VA_ARGS__, GetLineNo) X(__VA_ARGS__, SetGenericErrorFunc)              \
+    X(__VA_ARGS__, CtxtReadMemory) X(__VA_ARGS__, DocGetRootElement)
 // The accessors behind the xmlGenericError and xmlGenericErrorContext macros.
-#define FERRYHOLD_XML_GLOBALS(X) X(GenericError) X(GenericErrorContext)
+#define FERRYHOLD_XML_GLOBALS(X, ...) X(__VA_ARGS__, GenericError) X(__VA_ARGS__, GenericErrorContext)
 
 struct XmlLibrary {
     static constexpr const char* kFileName = "libxml2.so.2";
-#define FERRYHOLD_XML_POINTER(name) FERRYHOLD_LAZY_POINTER(xml, name)
-#define FERRYHOLD_XML_GLOBAL_POINTER(name) FERRYHOLD_LAZY_POINTER(__xml, name)
-    FERRYHOLD_XML_FUNCTIONS(FERRYHOLD_XML_POINTER)
-    FERRYHOLD_XML_GLOBALS(FERRYHOLD_XML_GLOBAL_POINTER)
-#undef FERRYHOLD_XML_POINTER
-#undef FERRYHOLD_XML_GLOBAL_POINTER
+    FERRYHOLD_XML_FUNCTIONS(FERRYHOLD_LAZY_POINTER, xml)
+    FERRYHOLD_XML_GLOBALS(FERRYHOLD_LAZY_POINTER, __xml)
     static std::vector<platform::detail::LazySymbol> symbols(XmlLibrary& table) {
-#define FERRYHOLD_XML_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, xml, name)
-#define FERRYHOLD_XML_GLOBAL_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, __xml, name)
-        return {FERRYHOLD_XML_FUNCTIONS(FERRYHOLD_XML_SYMBOL) FERRYHOLD_XML_GLOBALS(FERRYHOLD_XML_GLOBAL_SYMBOL)};
-#undef FERRYHOLD_XML_SYMBOL
-#undef FERRYHOLD_XML_GLOBAL_SYMBOL
+        return {FERRYHOLD_XML_FUNCTIONS(FERRYHOLD_LAZY_SYMBOL, table, xml)
+                    FERRYHOLD_XML_GLOBALS(FERRYHOLD_LAZY_SYMBOL, table, __xml)};
     }
 };
 

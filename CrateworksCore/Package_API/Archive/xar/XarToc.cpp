@@ -97,22 +97,12 @@ std::string lowerTrimmed(std::string_view s) {
 
 // libxml2's reader, loaded when a TOC is first read (Platform/LazyLibrary): with ICU
 // behind it, linking it would cost every program of the system at start-up.
-#define FERRYHOLD_XML_READER_FUNCTIONS(X)                                                                \
-    X(ReaderForMemory) X(FreeTextReader) X(TextReaderRead) X(TextReaderNodeType) X(TextReaderConstValue) \
-    X(TextReaderConstName) X(TextReaderMoveToNextAttribute) X(TextReaderMoveToElement)                   \
-    X(TextReaderIsEmptyElement)
-
-struct XmlReaderLibrary {
-    static constexpr const char* kFileName = "libxml2.so.2";
-#define FERRYHOLD_XML_POINTER(name) FERRYHOLD_LAZY_POINTER(xml, name)
-    FERRYHOLD_XML_READER_FUNCTIONS(FERRYHOLD_XML_POINTER)
-#undef FERRYHOLD_XML_POINTER
-    static std::vector<platform::detail::LazySymbol> symbols(XmlReaderLibrary& table) {
-#define FERRYHOLD_XML_SYMBOL(name) FERRYHOLD_LAZY_SYMBOL(table, xml, name)
-        return {FERRYHOLD_XML_READER_FUNCTIONS(FERRYHOLD_XML_SYMBOL)};
-#undef FERRYHOLD_XML_SYMBOL
-    }
-};
+#define FERRYHOLD_XML_READER_FUNCTIONS(X, ...)                                                       \
+    X(__VA_ARGS__, ReaderForMemory) X(__VA_ARGS__, FreeTextReader) X(__VA_ARGS__, TextReaderRead)      \
+    X(__VA_ARGS__, TextReaderNodeType) X(__VA_ARGS__, TextReaderConstValue)                            \
+    X(__VA_ARGS__, TextReaderConstName) X(__VA_ARGS__, TextReaderMoveToNextAttribute)                  \
+    X(__VA_ARGS__, TextReaderMoveToElement) X(__VA_ARGS__, TextReaderIsEmptyElement)
+FERRYHOLD_LAZY_TABLE(XmlReaderLibrary, "libxml2.so.2", FERRYHOLD_XML_READER_FUNCTIONS, xml);
 
 // Reads the TOC as a stream of elements (no document tree is built): every leaf
 // element below a <file> becomes a property named by its element path, <file>
