@@ -77,9 +77,13 @@ Value fromNode(plist_t node, int depth) {
         return Value(std::move(data));
     }
     case PLIST_DATE: {
+        // The library splits a date into its whole seconds, cut toward zero, and the
+        // size of what is left: before 2001 the microseconds count back from `sec`.
+        // (Within the second before 2001 the sign is lost: such a date reads as after.)
         int32_t sec = 0, usec = 0;
         plist_get_date_val(node, &sec, &usec);
-        return Value(Date{kEpochOffset + sec + usec / 1e6});
+        double fraction = std::abs(usec) / 1e6;
+        return Value(Date{kEpochOffset + sec + (sec < 0 ? -fraction : fraction)});
     }
     case PLIST_UID: {
         uint64_t u = 0;

@@ -250,6 +250,19 @@ TEST(PropertyList, DatesBeyondWhatTheFormsHoldAreWrittenAsTheNearest) {
     }
 }
 
+// A date with a fraction of a second keeps it through the binary form on either side of
+// 2001, where the library's split into seconds and microseconds changes direction.
+TEST(PropertyList, FractionsOfASecondSurviveBeforeAndAfter2001) {
+    const double since2001 = 978307200;
+    for (double date : {since2001 - 311692800.003051, since2001 - 311692799.996949, since2001 - 1.25,
+                        since2001 + 1.25, since2001 + 86400.5, 1700000000.123456}) {
+        SCOPED_TRACE(date);
+        auto read = plist::readBytes(plist::toBinary(Value(Array{Date{date}})));
+        ASSERT_TRUE(read && read->array() && read->array()->size() == 1 && read->array()->front().date());
+        EXPECT_NEAR(date, read->array()->front().date()->secondsSince1970, 2e-6);
+    }
+}
+
 TEST(PropertyList, ForeignValuesAreLeftOut) {
     Dictionary d{{"url", Value::url("http://example.invalid/")}, {"keep", Array{Value::url("x"), Value(1)}}};
     Value safe = Value(d).propertyListSafe();
