@@ -90,8 +90,11 @@ struct Arguments {
     std::optional<std::string> caFile;
 };
 
+// One line whatever the URL or the paths in `why` hold (a newline, bytes that are not
+// UTF-8): both are escaped as every listing is.
 int fail(const std::string& url, const std::string& why) {
-    fmt::print(stderr, "crateworks download: \"{}\": {}\n", url, why);
+    fmt::print(stderr, "crateworks download: \"{}\": {}\n", commandline::escapedText(url),
+               commandline::escapedText(why));
     return 1;
 }
 
@@ -117,8 +120,7 @@ std::optional<std::string> destinationPath(const platform::URL& url, const std::
     std::string name = platform::path::lastComponent(url.path());
     bool control = std::any_of(name.begin(), name.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7f; });
     if (name.empty() || name == "." || name == ".." || name == "/" || control) {
-        fail(url.absoluteString(), fmt::format("{} is a directory and the URL names no file to save in it",
-                                               commandline::escapedText(dest)));
+        fail(url.absoluteString(), fmt::format("{} is a directory and the URL names no file to save in it", dest));
         return std::nullopt;
     }
     return platform::path::appendComponent(dest, name);
@@ -197,7 +199,7 @@ int download(const Arguments* parsed) {
         platform::fs::removeItem(state);
     }
     if (tool::interrupted()) {
-        fmt::print(stderr, "crateworks download: \"{}\": interrupted\n", parsed->url);
+        fmt::print(stderr, "crateworks download: \"{}\": interrupted\n", commandline::escapedText(parsed->url));
         return tool::interruptedStatus();
     }
     if (httpStatus) return fail(parsed->url, tool::httpStatusText(int(httpStatus->integer().value_or(0))));

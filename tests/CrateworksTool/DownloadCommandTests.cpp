@@ -252,6 +252,14 @@ TEST_F(DownloadCommandTests, OnlyRegularFilesAreReadOrReplaced) {
         }
     }
     EXPECT_EQ(readFile(dir / "target"), "kept");
+
+    // A DEST whose name holds a newline and a byte that is not UTF-8 is named on one line.
+    std::string odd = dir / "two\nlines\xff";
+    ASSERT_EQ(0, mkfifo(odd.c_str(), 0600));
+    EXPECT_EQ(run({source, odd}, &err), 1);
+    EXPECT_EQ(lines(err), 1u) << err;
+    EXPECT_NE(err.find("two\\nlines\\xff: is a FIFO"), std::string::npos) << err;
+    EXPECT_TRUE(std::filesystem::is_fifo(odd));
     EXPECT_TRUE(std::filesystem::is_symlink(dir / "planted.partial"));
     EXPECT_TRUE(std::filesystem::is_fifo(dir / "planted2.partialState"));
     EXPECT_EQ(readFile(dir / "planted2.partial"), "0123");
