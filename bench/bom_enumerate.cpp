@@ -9,6 +9,8 @@
 // one walk is measured in a fresh child process (VmHWM less the VmRSS before opening)
 // and set against the BOM file's size. Targets: at most 1.5x the floor, memory at most
 // 1.2x the file.
+//   bom_enumerate --walk FILE [RUNS]   only walks an existing BOM and reads its bytes,
+//                                      RUNS times each, and prints the medians.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -96,10 +98,29 @@ int measureMemory(const std::string& bomPath) {
     return 0;
 }
 
+// Walks an existing BOM and reads its bytes, again and again in turns (for a profiler),
+// and prints the medians.
+int walkOnly(const std::string& bomPath, int runs) {
+    std::vector<double> bomTimes, floorTimes;
+    uint64_t checksum = 0;
+    for (int run = 0; run < std::max(runs, 1); ++run) {
+        auto start = Clock::now();
+        checksum += walkAll(bomPath).second;
+        bomTimes.push_back(secondsSince(start));
+        start = Clock::now();
+        checksum += readOnce(bomPath);
+        floorTimes.push_back(secondsSince(start));
+    }
+    std::printf("BOM walk %.2f ms, reading the bytes once %.2f ms: %.2fx (%llx)\n", median(bomTimes) * 1e3,
+                median(floorTimes) * 1e3, median(bomTimes) / median(floorTimes), (unsigned long long)checksum);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc == 3 && std::string(argv[1]) == "--measure-memory") return measureMemory(argv[2]);
+    if (argc >= 3 && std::string(argv[1]) == "--walk") return walkOnly(argv[2], argc > 3 ? std::atoi(argv[3]) : 100);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
     std::string pattern = (stdfs::temp_directory_path() / "bom-bench-XXXXXX").string();

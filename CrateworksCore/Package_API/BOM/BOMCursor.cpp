@@ -10,7 +10,7 @@ namespace crateworks::bom {
 using format::readU32;
 
 namespace {
-// How many pairs ahead of the one read a walk asks for the blocks it will need.
+// How many pairs ahead of the one decoded a walk asks for the blocks it will need.
 constexpr uint32_t kPrefetchDistance = 16;
 }  // namespace
 
@@ -36,25 +36,69 @@ bool BOMCursor::_enterLeaf(uint32_t block) {
     pairCount_ = leaf->count();
     pairIndex_ = 0;
     forward_ = leaf->forward;
+    batchAt_ = batchEnd_ = 0;
     return true;
 }
 
-BOMCursor::Read BOMCursor::_read(Item& item) {
+inline std::string_view BOMCursor::_name(std::span<const uint8_t> key, bool root) {
+    const char* name = reinterpret_cast<const char*>(key.data()) + 4;
+    size_t length = format::storedNameLength(name, key.size() - 4);
+    if (length == std::string_view::npos) return {};
+    std::string_view n(name, length);
+    if (root) return n == "." ? n : std::string_view();
+    if (length <= 2 && (n.empty() || n == "." || n == "..")) return {};
+    return n;
+}
+
+// The items are decoded a batch at a time: the blocks of one item do not depend on
+// those of the one before, so a loop that only decodes keeps many of them on their way
+// from memory at once, where a loop that also builds each path would wait for each.
+BOMCursor::Read BOMCursor::_decodeBatch() {
     while (pairIndex_ >= pairCount_) {
         if (forward_ == 0) return Read::end;
         if (!_enterLeaf(forward_)) return Read::damaged;
     }
+    const uint32_t count = std::min(kBatchSize, pairCount_ - pairIndex_);
+    // The table is copied out: the stores into the batch could otherwise be the
+    // reader's own fields, for all the compiler knows, and it would reload them.
+    const BOMReader::Blocks blocks = reader_->blocks();
     const uint8_t* pair = pairs_ + size_t(pairIndex_) * 8;
-    // The key and value of an item lie side by side, so one load brings both.
-    if (pairIndex_ + kPrefetchDistance < pairCount_) reader_->prefetchBlock(readU32(pair + kPrefetchDistance * 8));
-    auto value = reader_->block(readU32(pair));
-    auto key = reader_->block(readU32(pair + 4));
-    if (!value || value->size() < 8 || !key || key->size() < 5) return Read::damaged;
-    item.key = *key;
-    item.id = readU32(value->data());
-    item.infoBlock = readU32(value->data() + 4);
-    item.parent = readU32(key->data());
-    if (item.id != uint64_t(lastId_) + 1 || item.parent >= item.id) return Read::departs;
+    const uint32_t left = pairCount_ - pairIndex_;
+    const uint32_t prefetchable = left > kPrefetchDistance ? left - kPrefetchDistance : 0;
+    uint32_t lastId = lastId_;
+    uint32_t decoded = 0;
+    Read stop = Read::item;
+    for (; decoded < count; ++decoded, pair += 8) {
+        // The key and value of an item lie side by side, so one load brings both.
+        if (decoded < prefetchable) blocks.prefetch(readU32(pair + kPrefetchDistance * 8));
+        auto value = blocks.block(readU32(pair));
+        auto key = blocks.block(readU32(pair + 4));
+        if (!value || value->size() < 8 || !key || key->size() < 5) {
+            stop = Read::damaged;
+            break;
+        }
+        Item& item = batch_[decoded];
+        const uint32_t id = readU32(value->data()), parent = readU32(key->data());
+        if (id != uint64_t(lastId) + 1 || parent >= id) {
+            stop = Read::departs;
+            break;
+        }
+        item.id = lastId = id;
+        item.parent = parent;
+        item.infoBlock = readU32(value->data() + 4);
+        item.name = _name(*key, parent == 0);
+    }
+    batchAt_ = 0;
+    batchEnd_ = decoded;
+    return decoded > 0 ? Read::item : stop;
+}
+
+[[gnu::always_inline]] inline BOMCursor::Read BOMCursor::_read(Item& item) {
+    if (batchAt_ == batchEnd_) {
+        Read read = _decodeBatch();
+        if (read != Read::item) return read;
+    }
+    item = batch_[batchAt_++];
     ++pairIndex_;
     lastId_ = item.id;
     return Read::item;
@@ -99,34 +143,41 @@ bool BOMCursor::_skipLeaves(uint32_t skipFrom) {
         if (!inside) return true;
         lastId_ += remaining;
         pairIndex_ = pairCount_;
+        batchAt_ = batchEnd_ = 0;
     }
 }
 
-std::string_view BOMCursor::_name(std::span<const uint8_t> key, bool root) {
-    const char* name = reinterpret_cast<const char*>(key.data()) + 4;
-    const char* end = static_cast<const char*>(std::memchr(name, 0, key.size() - 4));
-    if (!end) return {};
-    std::string_view n(name, size_t(end - name));
-    if (root) return n == "." ? n : std::string_view();
-    if (n.empty() || n == "." || n == ".." || n.find('/') != std::string_view::npos) return {};
-    return n;
+[[gnu::always_inline]] inline std::string_view BOMCursor::_extendPath(size_t base, std::string_view name) {
+    const size_t length = base + 1 + name.size();
+    if (length > path_.size()) path_.resize(std::max(length, 2 * path_.size()));
+    char* at = path_.data() + base;
+    *at = '/';
+    std::memcpy(at + 1, name.data(), name.size());
+    pathLength_ = length;
+    return {path_.data(), length};
 }
 
-bool BOMCursor::_place(const Item& item, size_t level) {
+void BOMCursor::_setPath(std::string_view path) {
+    if (path.size() > path_.size()) path_.resize(path.size());
+    std::memcpy(path_.data(), path.data(), path.size());
+    pathLength_ = path.size();
+}
+
+[[gnu::always_inline]] inline bool BOMCursor::_place(const Item& item, size_t level) {
     bool root = item.parent == 0;
-    std::string_view name = _name(item.key, root);
+    std::string_view name = item.name;
     if (name.empty()) return false;
+    std::string_view path;
     if (root) {
-        path_ = ".";
+        _setPath(".");
+        path = _path();
         stack_.assign(1, Frame{item.id, 1});
     } else {
-        stack_.resize(level + 1);
-        path_.resize(stack_[level].pathLength);
-        path_ += '/';
-        path_ += name;
-        stack_.push_back(Frame{item.id, uint32_t(path_.size())});
+        if (stack_.size() > level + 1) stack_.resize(level + 1);
+        path = _extendPath(stack_[level].pathLength, name);
+        stack_.push_back(Frame{item.id, uint32_t(path.size())});
     }
-    view_ = BOMEntryView(reader_.get(), item.infoBlock, item.id, name, path_, &fieldsDamaged_);
+    view_ = BOMEntryView(reader_.get(), item.infoBlock, item.id, name, path, &fieldsDamaged_);
     return true;
 }
 
@@ -163,7 +214,7 @@ BOMCursor::Found BOMCursor::_descend(std::string_view path) {
             case Read::damaged: return Found::damaged;
             }
             if (item.parent == parent) {
-                std::string_view name = _name(item.key, false);
+                std::string_view name = item.name;
                 if (name.empty()) return Found::damaged;
                 if (name == component) {
                     if (!_place(item, parentLevel)) return Found::damaged;
@@ -192,14 +243,14 @@ bool BOMCursor::_startIndexed(std::string_view path) {
     }
     auto node = reader_->find(path);
     if (!node) return false;
-    path_ = reader_->pathOf(*node);
+    _setPath(reader_->pathOf(*node));
     const WalkNode& walk = order_->nodes[*node];
     node_ = *node;
     stop_ = walk.end;
     pathLengths_.assign(size_t(walk.depth) + 1, 0);
-    pathLengths_[walk.depth] = uint32_t(path_.size());
+    pathLengths_[walk.depth] = uint32_t(pathLength_);
     view_ = BOMEntryView(reader_.get(), reader_->infoBlockOfNode(node_), reader_->idOfNode(node_),
-                         reader_->name(node_), path_, &fieldsDamaged_);
+                         reader_->name(node_), _path(), &fieldsDamaged_);
     return true;
 }
 
@@ -253,7 +304,7 @@ bool BOMCursor::_switchToIndex(uint32_t skipFrom, uint32_t passed) {
     if (!prefix) {
         if (delivered_) return _fail();
         // Nothing below the start handed out yet: start again from it through the index.
-        std::string start = path_.substr(0, stack_[startLevel_].pathLength);
+        std::string start(path_.data(), stack_[startLevel_].pathLength);
         bool skipped = skipFrom != 0;
         stack_.clear();
         if (!_startIndexed(start)) return _fail();
@@ -291,13 +342,11 @@ void BOMCursor::_showNode(NodeIndex node) {
     const WalkNode& walk = order_->nodes[node];
     if (pathLengths_.size() <= walk.depth) pathLengths_.resize(size_t(walk.depth) + 1);
     std::string_view name(order_->names + walk.nameOffset, walk.nameLength);
-    path_.resize(pathLengths_[walk.depth - 1]);
-    path_ += '/';
-    path_ += name;
-    pathLengths_[walk.depth] = uint32_t(path_.size());
+    std::string_view path = _extendPath(pathLengths_[walk.depth - 1], name);
+    pathLengths_[walk.depth] = uint32_t(path.size());
     node_ = node;
     delivered_ = true;
-    view_ = BOMEntryView(reader_.get(), reader_->infoBlockOfNode(node), reader_->idOfNode(node), name, path_,
+    view_ = BOMEntryView(reader_.get(), reader_->infoBlockOfNode(node), reader_->idOfNode(node), name, path,
                          &fieldsDamaged_);
 }
 

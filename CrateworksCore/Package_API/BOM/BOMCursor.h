@@ -13,6 +13,7 @@
 // entries already handed out, or whose index cannot be built, ends the walk as damaged.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -42,8 +43,9 @@ private:
         uint32_t id;
         uint32_t parent;
         uint32_t infoBlock;
-        std::span<const uint8_t> key;
+        std::string_view name;  // empty when it is not a sound name
     };
+    static constexpr uint32_t kBatchSize = 64;
     struct Frame {
         uint32_t id;
         uint32_t pathLength;
@@ -58,6 +60,10 @@ private:
 
     // The next item of the leaves, checked against the writer's numbering.
     Read _read(Item& item);
+    // Decodes the next items of the current leaf (entering the next leaf first when it
+    // is used up) into batch_, as far as the first one that is not a sound item in
+    // order; answers how the first of them reads.
+    Read _decodeBatch();
     bool _enterLeaf(uint32_t block);
     // While skipping the subtree of `skipFrom`, passes over whole leaves that lie in it.
     bool _skipLeaves(uint32_t skipFrom);
@@ -66,6 +72,10 @@ private:
     // Makes the item the current entry below the frame at `level`; false when its name
     // is damaged. Its info block is read when a field of the view is asked for.
     bool _place(const Item& item, size_t level);
+    // The current path: the first `base` bytes of the one before, a slash and `name`.
+    std::string_view _extendPath(size_t base, std::string_view name);
+    void _setPath(std::string_view path);
+    std::string_view _path() const { return {path_.data(), pathLength_}; }
     bool _advanceInLeaves();
     // Goes on through the whole-file index after a departure, `passed` items having
     // been read before it (the subtree of `skipFrom` being skipped, when not 0).
@@ -86,10 +96,16 @@ private:
     uint32_t forward_ = 0;
     uint32_t leavesEntered_ = 0;
     uint32_t lastId_ = 0;  // of the last item read
+    // Items decoded ahead of reading: batch_[batchAt_, batchEnd_) are the pairs from
+    // pairIndex_ on.
+    std::array<Item, kBatchSize> batch_;
+    uint32_t batchAt_ = 0;
+    uint32_t batchEnd_ = 0;
     // The current entry and its ancestors, by depth; the walk's start is at startLevel_.
     std::vector<Frame> stack_;
     size_t startLevel_ = 0;
-    std::string path_;
+    std::string path_;  // a buffer: the path is its first pathLength_ bytes
+    size_t pathLength_ = 0;
     // After a departure (or for a file indexed before), nodes of the index instead.
     const WalkOrder* order_ = nullptr;
     NodeIndex node_ = 0;

@@ -2,7 +2,9 @@
 // and the writer.
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <optional>
 #include <cstring>
 #include <string_view>
 #include <vector>
@@ -35,6 +37,39 @@ inline uint32_t readU32(const uint8_t* p) {
     return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
 }
 inline uint64_t readU64(const uint8_t* p) { return uint64_t(readU32(p)) << 32 | readU32(p + 4); }
+
+// The length of a name stored up to its NUL in the `size` bytes at `name`; npos when no
+// NUL lies among them or a '/' comes before it. Eight bytes at a time, a walk's names
+// being short; the last eight bytes are read as one word too, overlapping words already
+// passed (in which there was neither byte).
+inline size_t storedNameLength(const char* name, size_t size) {
+    constexpr uint64_t kOnes = 0x0101010101010101, kHighs = 0x8080808080808080, kSlashes = 0x2f2f2f2f2f2f2f2f;
+    // In the word at `at`, the first NUL's offset, or npos for a '/' before any NUL or
+    // for neither. The lowest flag of each test is exact (a false one only follows a
+    // true one), and bytes are in memory order from the low end on this machine.
+    auto inWord = [&](size_t at) -> std::optional<size_t> {
+        uint64_t word;
+        std::memcpy(&word, name + at, 8);
+        if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap64(word);
+        uint64_t slashes = word ^ kSlashes;
+        uint64_t nul = (word - kOnes) & ~word & kHighs, slash = (slashes - kOnes) & ~slashes & kHighs;
+        if (!(nul | slash)) return std::nullopt;
+        if (slash && (!nul || __builtin_ctzll(slash) < __builtin_ctzll(nul))) return std::string_view::npos;
+        return at + size_t(__builtin_ctzll(nul) >> 3);
+    };
+    if (size >= 8) {
+        size_t at = 0;
+        for (; at + 8 < size; at += 8)
+            if (auto found = inWord(at)) return *found;
+        if (auto found = inWord(size - 8)) return *found;
+        return std::string_view::npos;
+    }
+    for (size_t at = 0; at < size; ++at) {
+        if (name[at] == 0) return at;
+        if (name[at] == '/') break;
+    }
+    return std::string_view::npos;
+}
 
 inline void appendU8(std::vector<uint8_t>& out, uint8_t v) { out.push_back(v); }
 inline void appendU16(std::vector<uint8_t>& out, uint16_t v) {

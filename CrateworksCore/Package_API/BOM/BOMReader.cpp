@@ -199,13 +199,10 @@ bool BOMReader::_readPaths(std::vector<uint32_t>& parentIds) {
         if (!info || info->size() < kInfoFixedSize) return false;
         // The name runs to its NUL, which must lie inside the block.
         const char* name = reinterpret_cast<const char*>(key->data()) + 4;
-        const char* end = name + (key->size() - 4);
-        const char* at = static_cast<const char*>(std::memchr(name, 0, size_t(end - name)));
-        if (!at) return false;
-        size_t length = size_t(at - name);
-        bool slash = std::memchr(name, '/', length) != nullptr;
+        size_t length = storedNameLength(name, key->size() - 4);
+        if (length == std::string_view::npos) return false;
         bool dots = (length == 1 && name[0] == '.') || (length == 2 && name[0] == '.' && name[1] == '.');
-        if (parentId == 0 ? length != 1 || name[0] != '.' : length == 0 || slash || dots) return false;
+        if (parentId == 0 ? length != 1 || name[0] != '.' : length == 0 || dots) return false;
         uint64_t nameOffset = uint64_t(reinterpret_cast<const uint8_t*>(name) - bytes_.data());
         if (nameOffset > kNone) return false;
         WalkNode walk{uint32_t(nameOffset), uint32_t(length), 0, 0};

@@ -36,23 +36,34 @@ public:
         uint32_t count() const { return uint32_t(pairs.size() / 8); }
     };
 
-    // The bytes of a block; absent for the null block, an index past the table or a
-    // block that does not lie inside the file.
-    std::optional<std::span<const uint8_t>> block(uint32_t index) const {
-        if (index == 0 || uint64_t(index) >= blockCount_) return std::nullopt;
-        const uint8_t* pair = blockTable_.data() + size_t(index) * 8;
-        uint64_t address = _u32(pair), length = _u32(pair + 4);
-        if (address + length > bytes_.size()) return std::nullopt;
-        return bytes_.subspan(size_t(address), size_t(length));
-    }
-    // Asks the processor to start loading a block's first bytes: a walk that will read
-    // the blocks of the items a few pairs ahead hides the wait for memory behind the
-    // items before them. Does nothing for an index outside the table.
-    void prefetchBlock(uint32_t index) const {
-        if (index == 0 || uint64_t(index) >= blockCount_) return;
-        uint64_t address = _u32(blockTable_.data() + size_t(index) * 8);
-        if (address < bytes_.size()) _prefetch(bytes_.data() + address);
-    }
+    // The block table and the bytes it points into, copied out so that a loop over many
+    // blocks keeps them in registers.
+    struct Blocks {
+        const uint8_t* table;  // the pairs, pair 0 included
+        uint32_t count;
+        const uint8_t* bytes;
+        size_t size;
+
+        // The bytes of a block; absent for the null block, an index past the table or a
+        // block that does not lie inside the file.
+        std::optional<std::span<const uint8_t>> block(uint32_t index) const {
+            if (index == 0 || index >= count) return std::nullopt;
+            const uint8_t* pair = table + size_t(index) * 8;
+            uint64_t address = _u32(pair), length = _u32(pair + 4);
+            if (address + length > size) return std::nullopt;
+            return std::span<const uint8_t>(bytes + address, size_t(length));
+        }
+        // Asks the processor to start loading a block's first bytes: a walk that will read
+        // the blocks of the items a few pairs ahead hides the wait for memory behind the
+        // items before them. Does nothing for an index outside the table.
+        void prefetch(uint32_t index) const {
+            if (index == 0 || index >= count) return;
+            uint64_t address = _u32(table + size_t(index) * 8);
+            if (address < size) _prefetch(bytes + address);
+        }
+    };
+    Blocks blocks() const { return {blockTable_.data(), blockCount_, bytes_.data(), bytes_.size()}; }
+    std::optional<std::span<const uint8_t>> block(uint32_t index) const { return blocks().block(index); }
     // A node block; absent when it is missing or too short for its count.
     std::optional<Node> node(uint32_t index) const;
     uint32_t blockCount() const { return blockCount_; }

@@ -100,6 +100,8 @@ public:
     }
 
     void variable(std::string_view name, uint32_t block) { variables_.emplace_back(name, block); }
+    // The index the next block added will have.
+    uint32_t nextBlock() const { return uint32_t(blocks_.size()); }
 
     // The finished file; absent when it outgrew 32-bit offsets.
     std::optional<std::vector<uint8_t>> finish() && {
@@ -289,27 +291,33 @@ std::optional<std::vector<uint8_t>> BOMWriter::serialize() const {
     layout.variable(kBomInfo, layout.add(bomInfo));
 
     // Depth first, each directory before its contents; ids follow that order.
+    std::vector<NodeIndex> order;
+    for (std::vector<NodeIndex> stack{*top}; !stack.empty();) {
+        NodeIndex node = stack.back();
+        stack.pop_back();
+        order.push_back(node);
+        stack.insert(stack.end(), nodes_[node].children.rbegin(), nodes_[node].children.rend());
+    }
+    // The keys and values come first, each item's side by side, and the info blocks after
+    // them all: a walk over the paths reads one run of the file and passes the rest by.
     std::vector<uint32_t> idOf(nodes_.size(), 0);
     Layout::Pairs paths;
     std::vector<std::pair<uint32_t, uint64_t>> sizes;
-    std::vector<NodeIndex> stack{*top};
-    uint32_t nextId = 1;
-    while (!stack.empty()) {
-        NodeIndex node = stack.back();
-        stack.pop_back();
-        const Node& n = nodes_[node];
-        uint32_t id = idOf[node] = nextId++;
+    const uint32_t firstInfo = layout.nextBlock() + 2 * uint32_t(order.size());
+    for (size_t i = 0; i < order.size(); ++i) {
+        const Node& n = nodes_[order[i]];
+        uint32_t id = idOf[order[i]] = uint32_t(i + 1);
         std::vector<uint8_t> key, value;
         appendU32(key, n.parent == kNoParent ? 0 : idOf[n.parent]);
         appendBytes(key, n.name);
         appendU8(key, 0);
         appendU32(value, id);
-        appendU32(value, layout.add(infoBlock(n.entry)));
+        appendU32(value, firstInfo + uint32_t(i));
         uint32_t keyBlock = layout.add(key);
         paths.emplace_back(layout.add(value), keyBlock);
         if (n.entry.size > std::numeric_limits<uint32_t>::max()) sizes.emplace_back(id, n.entry.size);
-        stack.insert(stack.end(), n.children.rbegin(), n.children.rend());
     }
+    for (NodeIndex node : order) layout.add(infoBlock(nodes_[node].entry));
     layout.variable(kPaths, layout.tree(paths, kPathsNodeSize, kPathsPairsPerNode));
     layout.variable(kHLIndex, layout.tree({}, kPathsNodeSize, kPathsPairsPerNode));
     std::vector<uint8_t> vindex;

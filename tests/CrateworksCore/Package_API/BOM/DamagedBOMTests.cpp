@@ -3,7 +3,11 @@
 // sanitizer build checks the last).
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "BOMTestSupport.h"
+#include "CrateworksCore/Package_API/BOM/BOMFormat.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -156,6 +160,36 @@ TEST_F(DamagedBOM, DamagedSize64IsRefusedAndMissingSize64IsFine) {
     auto read = renamed.open();
     ASSERT_TRUE(read);
     EXPECT_EQ(uint64_t(0), read->attributesOfItemAtPath("huge")->find("FileSize")->unsignedInteger());
+}
+
+// The name scan reads words; against a byte at a time, for every length of block and
+// every place of a NUL, a slash, both, or a byte that only looks like one of them to
+// a careless word test (0x80 and 0xaf, 0x01 and 0x2e beside them).
+TEST(StoredName, WordScanAgreesWithOneByteAtATime) {
+    auto reference = [](const char* name, size_t size) {
+        for (size_t at = 0; at < size; ++at) {
+            if (name[at] == 0) return at;
+            if (name[at] == '/') break;
+        }
+        return std::string_view::npos;
+    };
+    const char fillers[] = {'a', char(0x80), char(0xaf), char(0x01), char(0x2e), char(0xff)};
+    size_t checked = 0;
+    for (size_t size = 0; size <= 40; ++size)
+        for (char filler : fillers)
+            for (size_t nul = 0; nul <= size; ++nul)
+                for (size_t slash = 0; slash <= size; ++slash) {
+                    // Bytes past the block are NULs: a scan that reads past its end finds one.
+                    std::vector<char> bytes(size + 16, 0);
+                    std::fill(bytes.begin(), bytes.begin() + std::ptrdiff_t(size), filler);
+                    if (slash < size) bytes[slash] = '/';
+                    if (nul < size) bytes[nul] = 0;
+                    ASSERT_EQ(reference(bytes.data(), size),
+                              crateworks::bom::format::storedNameLength(bytes.data(), size))
+                        << "size " << size << ", NUL at " << nul << ", slash at " << slash;
+                    ++checked;
+                }
+    EXPECT_GT(checked, 10000u);
 }
 
 }  // namespace
