@@ -27,6 +27,15 @@ case "${1:-}" in
   *) seconds=$1; shift ;;
 esac
 
+# Every name given must be a target: a misspelt one would otherwise be skipped quietly
+# while the others run.
+for name in "$@"; do
+  if [ ! -f "fuzz/$name.cpp" ]; then
+    echo "fuzz: no target named $name (the targets: $(cd fuzz && ls *.cpp | sed 's/\.cpp$//' | tr '\n' ' '))" >&2
+    exit 2
+  fi
+done
+
 targets=()
 for src in fuzz/*.cpp; do
   name=$(basename "$src" .cpp)
@@ -38,7 +47,7 @@ for src in fuzz/*.cpp; do
   targets+=("$name")
 done
 if [ ${#targets[@]} -eq 0 ]; then
-  echo "fuzz: no target named $*" >&2
+  echo "fuzz: no fuzz targets in fuzz/" >&2
   exit 2
 fi
 
