@@ -40,9 +40,9 @@ bool BOMCursor::_enterLeaf(uint32_t block) {
     return true;
 }
 
-inline std::string_view BOMCursor::_name(std::span<const uint8_t> key, bool root) {
+inline std::string_view BOMCursor::_name(std::span<const uint8_t> key, bool root, const uint8_t* end) {
     const char* name = reinterpret_cast<const char*>(key.data()) + 4;
-    size_t length = format::storedNameLength(name, key.size() - 4);
+    size_t length = format::storedNameLength(name, key.size() - 4, size_t(end - key.data()) - 4);
     if (length == std::string_view::npos) return {};
     std::string_view n(name, length);
     if (root) return n == "." ? n : std::string_view();
@@ -86,7 +86,7 @@ BOMCursor::Read BOMCursor::_decodeBatch() {
         item.id = lastId = id;
         item.parent = parent;
         item.infoBlock = readU32(value->data() + 4);
-        item.name = _name(*key, parent == 0);
+        item.name = _name(*key, parent == 0, blocks.bytes + blocks.size);
     }
     batchAt_ = 0;
     batchEnd_ = decoded;

@@ -67,8 +67,9 @@ private:
     bool _enterLeaf(uint32_t block);
     // While skipping the subtree of `skipFrom`, passes over whole leaves that lie in it.
     bool _skipLeaves(uint32_t skipFrom);
-    // The item's name, checked; empty when it is not a sound name.
-    static std::string_view _name(std::span<const uint8_t> key, bool root);
+    // The item's name, checked; empty when it is not a sound name. `end` is the end of
+    // the file's bytes.
+    static std::string_view _name(std::span<const uint8_t> key, bool root, const uint8_t* end);
     // Makes the item the current entry below the frame at `level`; false when its name
     // is damaged. Its info block is read when a field of the view is asked for.
     bool _place(const Item& item, size_t level);

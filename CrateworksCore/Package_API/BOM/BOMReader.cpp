@@ -199,7 +199,8 @@ bool BOMReader::_readPaths(std::vector<uint32_t>& parentIds) {
         if (!info || info->size() < kInfoFixedSize) return false;
         // The name runs to its NUL, which must lie inside the block.
         const char* name = reinterpret_cast<const char*>(key->data()) + 4;
-        size_t length = storedNameLength(name, key->size() - 4);
+        size_t length = storedNameLength(name, key->size() - 4,
+                                         size_t(bytes_.data() + bytes_.size() - reinterpret_cast<const uint8_t*>(name)));
         if (length == std::string_view::npos) return false;
         bool dots = (length == 1 && name[0] == '.') || (length == 2 && name[0] == '.' && name[1] == '.');
         if (parentId == 0 ? length != 1 || name[0] != '.' : length == 0 || dots) return false;

@@ -162,9 +162,10 @@ TEST_F(DamagedBOM, DamagedSize64IsRefusedAndMissingSize64IsFine) {
     EXPECT_EQ(uint64_t(0), read->attributesOfItemAtPath("huge")->find("FileSize")->unsignedInteger());
 }
 
-// The name scan reads words; against a byte at a time, for every length of block and
-// every place of a NUL, a slash, both, or a byte that only looks like one of them to
-// a careless word test (0x80 and 0xaf, 0x01 and 0x2e beside them).
+// The name scan reads words or sixteen bytes at once; against a byte at a time, for
+// every length of block and every place of a NUL, a slash, both, or a byte that only
+// looks like one of them to a careless word test (0x80 and 0xaf, 0x01 and 0x2e beside
+// them).
 TEST(StoredName, WordScanAgreesWithOneByteAtATime) {
     auto reference = [](const char* name, size_t size) {
         for (size_t at = 0; at < size; ++at) {
@@ -184,9 +185,12 @@ TEST(StoredName, WordScanAgreesWithOneByteAtATime) {
                     std::fill(bytes.begin(), bytes.begin() + std::ptrdiff_t(size), filler);
                     if (slash < size) bytes[slash] = '/';
                     if (nul < size) bytes[nul] = 0;
-                    ASSERT_EQ(reference(bytes.data(), size),
-                              crateworks::bom::format::storedNameLength(bytes.data(), size))
-                        << "size " << size << ", NUL at " << nul << ", slash at " << slash;
+                    // Only the block readable, and sixteen bytes more (another way of testing).
+                    for (size_t readable : {size, size + 16})
+                        ASSERT_EQ(reference(bytes.data(), size),
+                                  crateworks::bom::format::storedNameLength(bytes.data(), size, readable))
+                            << "size " << size << ", NUL at " << nul << ", slash at " << slash << ", readable "
+                            << readable;
                     ++checked;
                 }
     EXPECT_GT(checked, 10000u);
