@@ -10,8 +10,9 @@ namespace crateworks::bom {
 using format::readU32;
 
 namespace {
-// How many pairs ahead of the one decoded a walk asks for the blocks it will need.
-constexpr uint32_t kPrefetchDistance = 16;
+// How far ahead of an item's key a walk asks for the bytes it will need: some thirty
+// items of a writer's file.
+constexpr size_t kPrefetchBytes = 1024;
 }  // namespace
 
 std::unique_ptr<BOMCursor> BOMCursor::atPath(std::shared_ptr<const BOMReader> reader, std::string_view path,
@@ -36,13 +37,13 @@ bool BOMCursor::_enterLeaf(uint32_t block) {
     pairCount_ = leaf->count();
     pairIndex_ = 0;
     forward_ = leaf->forward;
-    batchAt_ = batchEnd_ = 0;
     return true;
 }
 
-inline std::string_view BOMCursor::_name(std::span<const uint8_t> key, bool root, const uint8_t* end) {
-    const char* name = reinterpret_cast<const char*>(key.data()) + 4;
-    size_t length = format::storedNameLength(name, key.size() - 4, size_t(end - key.data()) - 4);
+inline std::string_view BOMCursor::_name(const uint8_t* key, uint32_t keyLength, bool root) const {
+    const char* name = reinterpret_cast<const char*>(key) + 4;
+    const size_t readable = blocks_.size - size_t(key - blocks_.bytes) - 4;
+    const size_t length = format::storedNameLength(name, keyLength - 4, readable);
     if (length == std::string_view::npos) return {};
     std::string_view n(name, length);
     if (root) return n == "." ? n : std::string_view();
@@ -50,55 +51,27 @@ inline std::string_view BOMCursor::_name(std::span<const uint8_t> key, bool root
     return n;
 }
 
-// The items are decoded a batch at a time: the blocks of one item do not depend on
-// those of the one before, so a loop that only decodes keeps many of them on their way
-// from memory at once, where a loop that also builds each path would wait for each.
-BOMCursor::Read BOMCursor::_decodeBatch() {
+[[gnu::always_inline]] inline BOMCursor::Read BOMCursor::_read(Item& item) {
     while (pairIndex_ >= pairCount_) {
         if (forward_ == 0) return Read::end;
         if (!_enterLeaf(forward_)) return Read::damaged;
     }
-    const uint32_t count = std::min(kBatchSize, pairCount_ - pairIndex_);
-    // The table is copied out: the stores into the batch could otherwise be the
-    // reader's own fields, for all the compiler knows, and it would reload them.
-    const BOMReader::Blocks blocks = reader_->blocks();
     const uint8_t* pair = pairs_ + size_t(pairIndex_) * 8;
-    const uint32_t left = pairCount_ - pairIndex_;
-    const uint32_t prefetchable = left > kPrefetchDistance ? left - kPrefetchDistance : 0;
-    uint32_t lastId = lastId_;
-    uint32_t decoded = 0;
-    Read stop = Read::item;
-    for (; decoded < count; ++decoded, pair += 8) {
-        // The key and value of an item lie side by side, so one load brings both.
-        if (decoded < prefetchable) blocks.prefetch(readU32(pair + kPrefetchDistance * 8));
-        auto value = blocks.block(readU32(pair));
-        auto key = blocks.block(readU32(pair + 4));
-        if (!value || value->size() < 8 || !key || key->size() < 5) {
-            stop = Read::damaged;
-            break;
-        }
-        Item& item = batch_[decoded];
-        const uint32_t id = readU32(value->data()), parent = readU32(key->data());
-        if (id != uint64_t(lastId) + 1 || parent >= id) {
-            stop = Read::departs;
-            break;
-        }
-        item.id = lastId = id;
-        item.parent = parent;
-        item.infoBlock = readU32(value->data() + 4);
-        item.name = _name(*key, parent == 0, blocks.bytes + blocks.size);
-    }
-    batchAt_ = 0;
-    batchEnd_ = decoded;
-    return decoded > 0 ? Read::item : stop;
-}
-
-[[gnu::always_inline]] inline BOMCursor::Read BOMCursor::_read(Item& item) {
-    if (batchAt_ == batchEnd_) {
-        Read read = _decodeBatch();
-        if (read != Read::item) return read;
-    }
-    item = batch_[batchAt_++];
+    const uint32_t keyIndex = readU32(pair + 4);
+    uint32_t valueLength, keyLength;
+    const uint8_t* value = blocks_.blockAtLeast(readU32(pair), 8, valueLength);
+    const uint8_t* key = blocks_.blockAtLeast(keyIndex, 5, keyLength);
+    if (!value || !key) return Read::damaged;
+    // A writer lays the items' keys and values out one after another, and their entries
+    // in the block table likewise: what the items some way ahead will need lies that far
+    // past these.
+    blocks_.prefetchAhead(key, kPrefetchBytes);
+    blocks_.prefetchAhead(blocks_.table + size_t(keyIndex) * 8, kPrefetchBytes / 2);
+    item.id = readU32(value);
+    item.parent = readU32(key);
+    if (item.id != uint64_t(lastId_) + 1 || item.parent >= item.id) return Read::departs;
+    item.infoBlock = readU32(value + 4);
+    item.name = _name(key, keyLength, item.parent == 0);
     ++pairIndex_;
     lastId_ = item.id;
     return Read::item;
@@ -143,16 +116,21 @@ bool BOMCursor::_skipLeaves(uint32_t skipFrom) {
         if (!inside) return true;
         lastId_ += remaining;
         pairIndex_ = pairCount_;
-        batchAt_ = batchEnd_ = 0;
     }
 }
 
 [[gnu::always_inline]] inline std::string_view BOMCursor::_extendPath(size_t base, std::string_view name) {
     const size_t length = base + 1 + name.size();
-    if (length > path_.size()) path_.resize(std::max(length, 2 * path_.size()));
+    // The buffer keeps sixteen bytes to spare, so that a short name whose bytes in the
+    // file are followed by enough others is copied in one fixed-size move.
+    if (length + kCopyBytes > path_.size()) path_.resize(std::max(length + kCopyBytes, 2 * path_.size()));
     char* at = path_.data() + base;
     *at = '/';
-    std::memcpy(at + 1, name.data(), name.size());
+    const auto* from = reinterpret_cast<const uint8_t*>(name.data());
+    if (name.size() <= kCopyBytes && blocks_.size - size_t(from - blocks_.bytes) >= kCopyBytes)
+        std::memcpy(at + 1, name.data(), kCopyBytes);
+    else
+        std::memcpy(at + 1, name.data(), name.size());
     pathLength_ = length;
     return {path_.data(), length};
 }

@@ -13,7 +13,6 @@
 // entries already handed out, or whose index cannot be built, ends the walk as damaged.
 #pragma once
 
-#include <array>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,13 +44,14 @@ private:
         uint32_t infoBlock;
         std::string_view name;  // empty when it is not a sound name
     };
-    static constexpr uint32_t kBatchSize = 64;
+    static constexpr size_t kCopyBytes = 16;
     struct Frame {
         uint32_t id;
         uint32_t pathLength;
     };
 
-    explicit BOMCursor(std::shared_ptr<const BOMReader> reader) : reader_(std::move(reader)) {}
+    explicit BOMCursor(std::shared_ptr<const BOMReader> reader)
+        : reader_(std::move(reader)), blocks_(reader_->blocks()) {}
 
     // Finding the start.
     enum class Found { yes, no, departs, damaged };
@@ -60,16 +60,11 @@ private:
 
     // The next item of the leaves, checked against the writer's numbering.
     Read _read(Item& item);
-    // Decodes the next items of the current leaf (entering the next leaf first when it
-    // is used up) into batch_, as far as the first one that is not a sound item in
-    // order; answers how the first of them reads.
-    Read _decodeBatch();
     bool _enterLeaf(uint32_t block);
     // While skipping the subtree of `skipFrom`, passes over whole leaves that lie in it.
     bool _skipLeaves(uint32_t skipFrom);
-    // The item's name, checked; empty when it is not a sound name. `end` is the end of
-    // the file's bytes.
-    static std::string_view _name(std::span<const uint8_t> key, bool root, const uint8_t* end);
+    // The item's name, checked; empty when it is not a sound name.
+    std::string_view _name(const uint8_t* key, uint32_t keyLength, bool root) const;
     // Makes the item the current entry below the frame at `level`; false when its name
     // is damaged. Its info block is read when a field of the view is asked for.
     bool _place(const Item& item, size_t level);
@@ -90,6 +85,7 @@ private:
     }
 
     std::shared_ptr<const BOMReader> reader_;
+    const BOMReader::Blocks blocks_;  // the reader's table, kept at hand
     // The leaves.
     const uint8_t* pairs_ = nullptr;
     uint32_t pairCount_ = 0;
@@ -97,11 +93,6 @@ private:
     uint32_t forward_ = 0;
     uint32_t leavesEntered_ = 0;
     uint32_t lastId_ = 0;  // of the last item read
-    // Items decoded ahead of reading: batch_[batchAt_, batchEnd_) are the pairs from
-    // pairIndex_ on.
-    std::array<Item, kBatchSize> batch_;
-    uint32_t batchAt_ = 0;
-    uint32_t batchEnd_ = 0;
     // The current entry and its ancestors, by depth; the walk's start is at startLevel_.
     std::vector<Frame> stack_;
     size_t startLevel_ = 0;

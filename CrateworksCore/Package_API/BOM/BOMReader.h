@@ -47,19 +47,26 @@ public:
         // The bytes of a block; absent for the null block, an index past the table or a
         // block that does not lie inside the file.
         std::optional<std::span<const uint8_t>> block(uint32_t index) const {
-            if (index == 0 || index >= count) return std::nullopt;
-            const uint8_t* pair = table + size_t(index) * 8;
-            uint64_t address = _u32(pair), length = _u32(pair + 4);
-            if (address + length > size) return std::nullopt;
-            return std::span<const uint8_t>(bytes + address, size_t(length));
+            uint32_t length = 0;
+            const uint8_t* at = blockAtLeast(index, 0, length);
+            if (!at) return std::nullopt;
+            return std::span<const uint8_t>(at, length);
         }
-        // Asks the processor to start loading a block's first bytes: a walk that will read
-        // the blocks of the items a few pairs ahead hides the wait for memory behind the
-        // items before them. Does nothing for an index outside the table.
-        void prefetch(uint32_t index) const {
-            if (index == 0 || index >= count) return;
-            uint64_t address = _u32(table + size_t(index) * 8);
-            if (address < size) _prefetch(bytes + address);
+        // The bytes of a block at least `least` long, and its length; null when it is
+        // absent, shorter or outside the file. (There is always a block 0, so count > 0.)
+        const uint8_t* blockAtLeast(uint32_t index, uint32_t least, uint32_t& length) const {
+            if (index - 1u >= count - 1u) return nullptr;
+            const uint8_t* pair = table + size_t(index) * 8;
+            const uint64_t address = _u32(pair);
+            length = _u32(pair + 4);
+            if (length < least || address + length > size) return nullptr;
+            return bytes + address;
+        }
+        // Asks the processor to start loading the bytes `distance` past `at` (a place in
+        // the file), when they are in the file.
+        void prefetchAhead(const uint8_t* at, size_t distance) const {
+            const size_t offset = size_t(at - bytes) + distance;
+            if (offset < size) _prefetch(bytes + offset);
         }
     };
     Blocks blocks() const { return {blockTable_.data(), blockCount_, bytes_.data(), bytes_.size()}; }
