@@ -40,7 +40,7 @@ bool BOMCursor::_enterLeaf(uint32_t block) {
     return true;
 }
 
-inline std::string_view BOMCursor::_name(const uint8_t* key, uint32_t keyLength, bool root) const {
+[[gnu::always_inline]] inline std::string_view BOMCursor::_name(const uint8_t* key, uint32_t keyLength, bool root) const {
     const char* name = reinterpret_cast<const char*>(key) + 4;
     const size_t readable = blocks_.size - size_t(key - blocks_.bytes) - 4;
     const size_t length = format::storedNameLength(name, keyLength - 4, readable);

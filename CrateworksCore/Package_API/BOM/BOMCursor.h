@@ -32,7 +32,6 @@ public:
                                              bool* damaged = nullptr);
 
     bool advance() override;
-    const BOMEntryView& view() const override { return view_; }
     void skipDescendants() override { skip_ = true; }
     bool damaged() const override { return damaged_ || fieldsDamaged_; }
 
@@ -110,7 +109,6 @@ private:
     bool done_ = false;
     bool damaged_ = false;
     bool fieldsDamaged_ = false;  // set by a view whose info block is damaged
-    BOMEntryView view_;
 };
 
 }  // namespace crateworks::bom

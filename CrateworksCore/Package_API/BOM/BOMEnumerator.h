@@ -35,7 +35,7 @@ public:
     // Moves to the next entry; false at the end of the walk or at damage.
     virtual bool advance() = 0;
     // The entry moved to last; only after advance() said true.
-    virtual const BOMEntryView& view() const = 0;
+    const BOMEntryView& view() const { return view_; }
     // Do not descend into the entry moved to last.
     virtual void skipDescendants() = 0;
     // Whether the walk stopped at damage in the file.
@@ -61,6 +61,10 @@ public:
         }
         return damaged() ? BOMWalkStatus::kDamaged : BOMWalkStatus::kComplete;
     }
+
+protected:
+    // Kept up to date by each kind of walk; read without a virtual call, once an entry.
+    BOMEntryView view_;
 
 private:
     BOMEntry decoded_;

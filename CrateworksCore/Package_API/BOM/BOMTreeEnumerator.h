@@ -17,7 +17,6 @@ public:
     BOMTreeEnumerator(std::shared_ptr<const BOMTree> tree, NodeIndex start, std::string startPath);
 
     bool advance() override;
-    const BOMEntryView& view() const override { return view_; }
     void skipDescendants() override { skip_ = true; }
 
 private:
@@ -34,7 +33,6 @@ private:
     std::vector<Frame> stack_;
     std::string path_;
     BOMEntry current_;
-    BOMEntryView view_;
 };
 
 }  // namespace crateworks::bom
