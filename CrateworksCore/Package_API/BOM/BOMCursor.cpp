@@ -232,16 +232,7 @@ bool BOMCursor::_startIndexed(std::string_view path) {
     return true;
 }
 
-bool BOMCursor::advance() {
-    if (done_ || fieldsDamaged_) return false;
-    if (!started_) {
-        started_ = true;
-        return true;
-    }
-    return order_ ? _advanceInIndex() : _advanceInLeaves();
-}
-
-bool BOMCursor::_advanceInLeaves() {
+[[gnu::always_inline]] inline bool BOMCursor::_advanceInLeaves() {
     const uint32_t skipFrom = skip_ ? stack_.back().id : 0;
     skip_ = false;
     bool freshSkip = skipFrom != 0;
@@ -269,6 +260,15 @@ bool BOMCursor::_advanceInLeaves() {
         delivered_ = true;
         return true;
     }
+}
+
+bool BOMCursor::advance() {
+    if (done_ || fieldsDamaged_) return false;
+    if (!started_) {
+        started_ = true;
+        return true;
+    }
+    return order_ ? _advanceInIndex() : _advanceInLeaves();
 }
 
 bool BOMCursor::_switchToIndex(uint32_t skipFrom, uint32_t passed) {
