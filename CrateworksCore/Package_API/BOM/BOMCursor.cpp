@@ -155,7 +155,7 @@ void BOMCursor::_setPath(std::string_view path) {
         path = _extendPath(stack_[level].pathLength, name);
         stack_.push_back(Frame{item.id, uint32_t(path.size())});
     }
-    view_ = BOMEntryView(reader_.get(), item.infoBlock, item.id, name, path, &fieldsDamaged_);
+    view_.moveTo(item.infoBlock, item.id, name, path);
     return true;
 }
 

@@ -50,7 +50,9 @@ private:
     };
 
     explicit BOMCursor(std::shared_ptr<const BOMReader> reader)
-        : reader_(std::move(reader)), blocks_(reader_->blocks()) {}
+        : reader_(std::move(reader)), blocks_(reader_->blocks()) {
+        view_ = BOMEntryView(reader_.get(), 0, 0, {}, {}, &fieldsDamaged_);
+    }
 
     // Finding the start.
     enum class Found { yes, no, departs, damaged };

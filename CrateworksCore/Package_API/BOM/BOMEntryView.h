@@ -24,6 +24,13 @@ public:
     BOMEntryView(const BOMReader* reader, uint32_t infoBlock, uint32_t id, std::string_view name,
                  std::string_view path, bool* damaged)
         : reader_(reader), infoBlock_(infoBlock), id_(id), name_(name), path_(path), damaged_(damaged) {}
+    // The next entry of the same file, in place (the reader and the damage flag stay).
+    void moveTo(uint32_t infoBlock, uint32_t id, std::string_view name, std::string_view path) {
+        infoBlock_ = infoBlock;
+        id_ = id;
+        name_ = name;
+        path_ = path;
+    }
     // An entry held decoded (a BOM being built).
     BOMEntryView(const BOMEntry* entry, std::string_view path) : entry_(entry), name_(entry->shortName), path_(path) {}
 
