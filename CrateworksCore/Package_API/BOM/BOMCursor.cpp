@@ -121,6 +121,7 @@ bool BOMCursor::_skipLeaves(uint32_t skipFrom) {
 
 [[gnu::always_inline]] inline std::string_view BOMCursor::_extendPath(size_t base, std::string_view name) {
     const size_t length = base + 1 + name.size();
+    if (length > format::kMaxStoredPathLength) return {};
     // The buffer keeps sixteen bytes to spare, so that a short name whose bytes in the
     // file are followed by enough others is copied in one fixed-size move.
     if (length + kCopyBytes > path_.size()) path_.resize(std::max(length + kCopyBytes, 2 * path_.size()));
@@ -153,6 +154,7 @@ void BOMCursor::_setPath(std::string_view path) {
     } else {
         if (stack_.size() > level + 1) stack_.resize(level + 1);
         path = _extendPath(stack_[level].pathLength, name);
+        if (path.empty()) return false;
         stack_.push_back(Frame{item.id, uint32_t(path.size())});
     }
     view_.moveTo(item.infoBlock, item.id, name, path);
@@ -301,8 +303,7 @@ bool BOMCursor::_switchToIndex(uint32_t skipFrom, uint32_t passed) {
         done_ = true;
         return false;
     }
-    _showNode(next);
-    return true;
+    return _showNode(next) || _fail();
 }
 
 bool BOMCursor::_advanceInIndex() {
@@ -312,20 +313,21 @@ bool BOMCursor::_advanceInIndex() {
         done_ = true;
         return false;
     }
-    _showNode(next);
-    return true;
+    return _showNode(next) || _fail();
 }
 
-void BOMCursor::_showNode(NodeIndex node) {
+bool BOMCursor::_showNode(NodeIndex node) {
     const WalkNode& walk = order_->nodes[node];
     if (pathLengths_.size() <= walk.depth) pathLengths_.resize(size_t(walk.depth) + 1);
     std::string_view name(order_->names + walk.nameOffset, walk.nameLength);
     std::string_view path = _extendPath(pathLengths_[walk.depth - 1], name);
+    if (path.empty()) return false;
     pathLengths_[walk.depth] = uint32_t(path.size());
     node_ = node;
     delivered_ = true;
     view_ = BOMEntryView(reader_.get(), reader_->infoBlockOfNode(node), reader_->idOfNode(node), name, path,
                          &fieldsDamaged_);
+    return true;
 }
 
 }  // namespace crateworks::bom

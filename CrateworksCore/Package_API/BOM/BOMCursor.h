@@ -69,7 +69,8 @@ private:
     // Makes the item the current entry below the frame at `level`; false when its name
     // is damaged. Its info block is read when a field of the view is asked for.
     bool _place(const Item& item, size_t level);
-    // The current path: the first `base` bytes of the one before, a slash and `name`.
+    // The current path: the first `base` bytes of the one before, a slash and `name`;
+    // empty when that is longer than a stored path may be.
     std::string_view _extendPath(size_t base, std::string_view name);
     void _setPath(std::string_view path);
     std::string_view _path() const { return {path_.data(), pathLength_}; }
@@ -78,7 +79,8 @@ private:
     // been read before it (the subtree of `skipFrom` being skipped, when not 0).
     bool _switchToIndex(uint32_t skipFrom, uint32_t passed);
     bool _advanceInIndex();
-    void _showNode(NodeIndex node);
+    // False when the node's path is too long to be believed.
+    bool _showNode(NodeIndex node);
     bool _fail() {
         damaged_ = true;
         done_ = true;

@@ -30,6 +30,10 @@ public:
 
 class BOMEnumerator {
 public:
+    BOMEnumerator() = default;
+    // A walk's view points into the walk itself, so walks are not copied.
+    BOMEnumerator(const BOMEnumerator&) = delete;
+    BOMEnumerator& operator=(const BOMEnumerator&) = delete;
     virtual ~BOMEnumerator() = default;
 
     // Moves to the next entry; false at the end of the walk or at damage.

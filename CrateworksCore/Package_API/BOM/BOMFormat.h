@@ -26,6 +26,10 @@ inline constexpr uint32_t kPathsNodeSize = 4096;
 inline constexpr uint32_t kSmallNodeSize = 128;
 inline constexpr size_t kPathsPairsPerNode = 256;
 inline constexpr size_t kSmallPairsPerNode = 14;
+// A longer stored path is damage. A file whose key blocks overlap can name every
+// directory of a deep chain with most of the file's bytes, so that its paths would grow
+// with the square of its size; no volume holds a path near this long.
+inline constexpr size_t kMaxStoredPathLength = 64 * 1024;
 // Deeper trees are rejected: the writer's own trees stay far below this.
 inline constexpr int kMaxTreeDepth = 64;
 
