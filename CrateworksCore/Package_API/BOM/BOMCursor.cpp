@@ -40,13 +40,13 @@ bool BOMCursor::_enterLeaf(uint32_t block) {
     return true;
 }
 
-[[gnu::always_inline]] inline std::string_view BOMCursor::_name(const uint8_t* key, uint32_t keyLength, bool root) const {
-    const char* name = reinterpret_cast<const char*>(key) + 4;
-    const size_t readable = blocks_.size - size_t(key - blocks_.bytes) - 4;
-    const size_t length = format::storedNameLength(name, keyLength - 4, readable);
+[[gnu::always_inline]] inline std::string_view BOMCursor::_name(const Item& item) const {
+    const char* name = reinterpret_cast<const char*>(item.key) + 4;
+    const size_t readable = blocks_.size - size_t(item.key - blocks_.bytes) - 4;
+    const size_t length = format::storedNameLength(name, item.keyLength - 4, readable);
     if (length == std::string_view::npos) return {};
     std::string_view n(name, length);
-    if (root) return n == "." ? n : std::string_view();
+    if (item.parent == 0) return n == "." ? n : std::string_view();
     if (length <= 2 && (n.empty() || n == "." || n == "..")) return {};
     return n;
 }
@@ -71,7 +71,8 @@ bool BOMCursor::_enterLeaf(uint32_t block) {
     item.parent = readU32(key);
     if (item.id != uint64_t(lastId_) + 1 || item.parent >= item.id) return Read::departs;
     item.infoBlock = readU32(value + 4);
-    item.name = _name(key, keyLength, item.parent == 0);
+    item.key = key;
+    item.keyLength = keyLength;
     ++pairIndex_;
     lastId_ = item.id;
     return Read::item;
@@ -144,7 +145,7 @@ void BOMCursor::_setPath(std::string_view path) {
 
 [[gnu::always_inline]] inline bool BOMCursor::_place(const Item& item, size_t level) {
     bool root = item.parent == 0;
-    std::string_view name = item.name;
+    std::string_view name = _name(item);
     if (name.empty()) return false;
     std::string_view path;
     if (root) {
@@ -194,7 +195,7 @@ BOMCursor::Found BOMCursor::_descend(std::string_view path) {
             case Read::damaged: return Found::damaged;
             }
             if (item.parent == parent) {
-                std::string_view name = item.name;
+                std::string_view name = _name(item);
                 if (name.empty()) return Found::damaged;
                 if (name == component) {
                     if (!_place(item, parentLevel)) return Found::damaged;

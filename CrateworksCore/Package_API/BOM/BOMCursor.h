@@ -41,7 +41,8 @@ private:
         uint32_t id;
         uint32_t parent;
         uint32_t infoBlock;
-        std::string_view name;  // empty when it is not a sound name
+        uint32_t keyLength;
+        const uint8_t* key;  // its name is read only when it is needed
     };
     static constexpr size_t kCopyBytes = 16;
     struct Frame {
@@ -65,7 +66,7 @@ private:
     // While skipping the subtree of `skipFrom`, passes over whole leaves that lie in it.
     bool _skipLeaves(uint32_t skipFrom);
     // The item's name, checked; empty when it is not a sound name.
-    std::string_view _name(const uint8_t* key, uint32_t keyLength, bool root) const;
+    std::string_view _name(const Item& item) const;
     // Makes the item the current entry below the frame at `level`; false when its name
     // is damaged. Its info block is read when a field of the view is asked for.
     bool _place(const Item& item, size_t level);
