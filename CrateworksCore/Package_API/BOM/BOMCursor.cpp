@@ -57,16 +57,14 @@ bool BOMCursor::_enterLeaf(uint32_t block) {
         if (!_enterLeaf(forward_)) return Read::damaged;
     }
     const uint8_t* pair = pairs_ + size_t(pairIndex_) * 8;
-    const uint32_t keyIndex = readU32(pair + 4);
+    const uint8_t *value, *key;
     uint32_t valueLength, keyLength;
-    const uint8_t* value = blocks_.blockAtLeast(readU32(pair), 8, valueLength);
-    const uint8_t* key = blocks_.blockAtLeast(keyIndex, 5, keyLength);
-    if (!value || !key) return Read::damaged;
-    // A writer lays the items' keys and values out one after another, and their entries
-    // in the block table likewise: what the items some way ahead will need lies that far
-    // past these.
+    if (!blocks_.blockAtLeast(readU32(pair), 8, value, valueLength) ||
+        !blocks_.blockAtLeast(readU32(pair + 4), 5, key, keyLength))
+        return Read::damaged;
+    // A writer lays the items' keys and values out one after another: what the items
+    // some way ahead will need lies that far past these.
     blocks_.prefetchAhead(key, kPrefetchBytes);
-    blocks_.prefetchAhead(blocks_.table + size_t(keyIndex) * 8, kPrefetchBytes / 2);
     item.id = readU32(value);
     item.parent = readU32(key);
     if (item.id != uint64_t(lastId_) + 1 || item.parent >= item.id) return Read::departs;

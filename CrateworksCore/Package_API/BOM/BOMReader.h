@@ -47,20 +47,22 @@ public:
         // The bytes of a block; absent for the null block, an index past the table or a
         // block that does not lie inside the file.
         std::optional<std::span<const uint8_t>> block(uint32_t index) const {
+            const uint8_t* at = nullptr;
             uint32_t length = 0;
-            const uint8_t* at = blockAtLeast(index, 0, length);
-            if (!at) return std::nullopt;
+            if (!blockAtLeast(index, 0, at, length)) return std::nullopt;
             return std::span<const uint8_t>(at, length);
         }
-        // The bytes of a block at least `least` long, and its length; null when it is
-        // absent, shorter or outside the file. (There is always a block 0, so count > 0.)
-        const uint8_t* blockAtLeast(uint32_t index, uint32_t least, uint32_t& length) const {
-            if (index - 1u >= count - 1u) return nullptr;
+        // Sets `at` and `length` to the bytes of a block at least `least` long; false
+        // when it is absent, shorter or outside the file. (There is always a block 0, so
+        // count > 0.)
+        bool blockAtLeast(uint32_t index, uint32_t least, const uint8_t*& at, uint32_t& length) const {
+            if (index - 1u >= count - 1u) return false;
             const uint8_t* pair = table + size_t(index) * 8;
             const uint64_t address = _u32(pair);
             length = _u32(pair + 4);
-            if (length < least || address + length > size) return nullptr;
-            return bytes + address;
+            if (length < least || address + length > size) return false;
+            at = bytes + address;
+            return true;
         }
         // Asks the processor to start loading the bytes `distance` past `at` (a place in
         // the file), when they are in the file.
