@@ -199,7 +199,7 @@ int download(const Arguments* parsed) {
         platform::fs::removeItem(state);
     }
     if (tool::interrupted()) {
-        fmt::print(stderr, "crateworks download: \"{}\": interrupted\n", commandline::escapedText(parsed->url));
+        fail(parsed->url, "interrupted");
         return tool::interruptedStatus();
     }
     if (httpStatus) return fail(parsed->url, tool::httpStatusText(int(httpStatus->integer().value_or(0))));

@@ -100,10 +100,20 @@ int measureMemory(const std::string& bomPath) {
 
 // Walks an existing BOM and reads its bytes, again and again in turns (for a profiler),
 // and prints the medians.
-int walkOnly(const std::string& bomPath, int runs) {
+int walkOnly(const std::string& bomPath, const char* runsText) {
+    char* end = nullptr;
+    long runs = runsText ? std::strtol(runsText, &end, 10) : 100;
+    if (runsText && (*runsText == '\0' || *end != '\0' || runs < 1 || runs > 100000)) {
+        std::fprintf(stderr, "bom_enumerate: RUNS must be a number from 1 to 100000, not \"%s\"\n", runsText);
+        return 2;
+    }
+    if (!crateworks::CWBOM::initWithBOMPath(bomPath) || walkAll(bomPath).first == 0) {
+        std::fprintf(stderr, "bom_enumerate: %s: not a BOM that can be walked\n", bomPath.c_str());
+        return 1;
+    }
     std::vector<double> bomTimes, floorTimes;
     uint64_t checksum = 0;
-    for (int run = 0; run < std::max(runs, 1); ++run) {
+    for (long run = 0; run < runs; ++run) {
         auto start = Clock::now();
         checksum += walkAll(bomPath).second;
         bomTimes.push_back(secondsSince(start));
@@ -120,7 +130,7 @@ int walkOnly(const std::string& bomPath, int runs) {
 
 int main(int argc, char** argv) {
     if (argc == 3 && std::string(argv[1]) == "--measure-memory") return measureMemory(argv[2]);
-    if (argc >= 3 && std::string(argv[1]) == "--walk") return walkOnly(argv[2], argc > 3 ? std::atoi(argv[3]) : 100);
+    if ((argc == 3 || argc == 4) && std::string(argv[1]) == "--walk") return walkOnly(argv[2], argc == 4 ? argv[3] : nullptr);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
     std::string pattern = (stdfs::temp_directory_path() / "bom-bench-XXXXXX").string();

@@ -41,14 +41,7 @@ bool BOMCursor::_enterLeaf(uint32_t block) {
 }
 
 [[gnu::always_inline]] inline std::string_view BOMCursor::_name(const Item& item) const {
-    const char* name = reinterpret_cast<const char*>(item.key) + 4;
-    const size_t readable = blocks_.size - size_t(item.key - blocks_.bytes) - 4;
-    const size_t length = format::storedNameLength(name, item.keyLength - 4, readable);
-    if (length == std::string_view::npos) return {};
-    std::string_view n(name, length);
-    if (item.parent == 0) return n == "." ? n : std::string_view();
-    if (length <= 2 && (n.empty() || n == "." || n == "..")) return {};
-    return n;
+    return format::keyName(item.key, item.keyLength, blocks_.size - size_t(item.key - blocks_.bytes), item.parent == 0);
 }
 
 [[gnu::always_inline]] inline BOMCursor::Read BOMCursor::_read(Item& item) {
@@ -228,8 +221,7 @@ bool BOMCursor::_startIndexed(std::string_view path) {
     stop_ = walk.end;
     pathLengths_.assign(size_t(walk.depth) + 1, 0);
     pathLengths_[walk.depth] = uint32_t(pathLength_);
-    view_ = BOMEntryView(reader_.get(), reader_->infoBlockOfNode(node_), reader_->idOfNode(node_),
-                         reader_->name(node_), _path(), &fieldsDamaged_);
+    view_.moveTo(reader_->infoBlockOfNode(node_), reader_->idOfNode(node_), reader_->name(node_), _path());
     return true;
 }
 
@@ -324,8 +316,7 @@ bool BOMCursor::_showNode(NodeIndex node) {
     pathLengths_[walk.depth] = uint32_t(path.size());
     node_ = node;
     delivered_ = true;
-    view_ = BOMEntryView(reader_.get(), reader_->infoBlockOfNode(node), reader_->idOfNode(node), name, path,
-                         &fieldsDamaged_);
+    view_.moveTo(reader_->infoBlockOfNode(node), reader_->idOfNode(node), name, path);
     return true;
 }
 

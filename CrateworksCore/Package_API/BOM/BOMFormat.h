@@ -92,6 +92,20 @@ inline size_t storedNameLength(const char* name, size_t size, size_t readable) {
     return std::string_view::npos;
 }
 
+// The name a key block holds after its parent's id, checked: the root's must be ".",
+// any other's must not be empty, "." or "..". Empty when it is not a sound name.
+// `readable` says how many bytes from the block's start may be read (at least
+// `keyLength`, which is at least 5).
+[[gnu::always_inline]] inline std::string_view keyName(const uint8_t* key, size_t keyLength, size_t readable, bool root) {
+    const char* name = reinterpret_cast<const char*>(key) + 4;
+    const size_t length = storedNameLength(name, keyLength - 4, readable - 4);
+    if (length == std::string_view::npos) return {};
+    const std::string_view n(name, length);
+    if (root) return n == "." ? n : std::string_view();
+    if (n.empty() || n == "." || n == "..") return {};
+    return n;
+}
+
 inline void appendU8(std::vector<uint8_t>& out, uint8_t v) { out.push_back(v); }
 inline void appendU16(std::vector<uint8_t>& out, uint16_t v) {
     out.push_back(uint8_t(v >> 8));

@@ -197,16 +197,12 @@ bool BOMReader::_readPaths(std::vector<uint32_t>& parentIds) {
         uint32_t id = readU32(value->data()), parentId = readU32(key->data()), infoBlock = readU32(value->data() + 4);
         auto info = block(infoBlock);
         if (!info || info->size() < kInfoFixedSize) return false;
-        // The name runs to its NUL, which must lie inside the block.
-        const char* name = reinterpret_cast<const char*>(key->data()) + 4;
-        size_t length = storedNameLength(name, key->size() - 4,
-                                         size_t(bytes_.data() + bytes_.size() - reinterpret_cast<const uint8_t*>(name)));
-        if (length == std::string_view::npos) return false;
-        bool dots = (length == 1 && name[0] == '.') || (length == 2 && name[0] == '.' && name[1] == '.');
-        if (parentId == 0 ? length != 1 || name[0] != '.' : length == 0 || dots) return false;
-        uint64_t nameOffset = uint64_t(reinterpret_cast<const uint8_t*>(name) - bytes_.data());
+        const size_t keyOffset = size_t(key->data() - bytes_.data());
+        const std::string_view name = keyName(key->data(), key->size(), bytes_.size() - keyOffset, parentId == 0);
+        if (name.empty()) return false;
+        const uint64_t nameOffset = keyOffset + 4;
         if (nameOffset > kNone) return false;
-        WalkNode walk{uint32_t(nameOffset), uint32_t(length), 0, 0};
+        WalkNode walk{uint32_t(nameOffset), uint32_t(name.size()), 0, 0};
         NodeIndex node = NodeIndex(walk_.size());
         if (inWalkOrder && !place(node, id, parentId, walk)) leaveWalkOrder(node);
         if (!inWalkOrder) {
