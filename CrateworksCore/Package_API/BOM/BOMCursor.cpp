@@ -22,7 +22,7 @@ std::unique_ptr<BOMCursor> BOMCursor::atPath(std::shared_ptr<const BOMReader> re
     std::unique_ptr<BOMCursor> cursor(new BOMCursor(std::move(reader)));
     Found found = cursor->reader_->hasIndex() ? Found::departs : cursor->_descend(path);
     if (found == Found::departs) {
-        cursor->stack_.clear();
+        cursor->depth_ = 0;
         found = cursor->_startIndexed(path) ? Found::yes : cursor->damaged_ ? Found::damaged : Found::no;
     }
     if (found == Found::damaged && damaged) *damaged = true;
@@ -111,45 +111,64 @@ bool BOMCursor::_skipLeaves(uint32_t skipFrom) {
     }
 }
 
-[[gnu::always_inline]] inline std::string_view BOMCursor::_extendPath(size_t base, std::string_view name) {
+std::string_view BOMCursor::_extendPath(size_t base, std::string_view name) {
     const size_t length = base + 1 + name.size();
     if (length > format::kMaxStoredPathLength) return {};
-    // The buffer keeps sixteen bytes to spare, so that a short name whose bytes in the
-    // file are followed by enough others is copied in one fixed-size move.
-    if (length + kCopyBytes > path_.size()) path_.resize(std::max(length + kCopyBytes, 2 * path_.size()));
-    char* at = path_.data() + base;
-    *at = '/';
-    const auto* from = reinterpret_cast<const uint8_t*>(name.data());
-    if (name.size() <= kCopyBytes && blocks_.size - size_t(from - blocks_.bytes) >= kCopyBytes)
-        std::memcpy(at + 1, name.data(), kCopyBytes);
-    else
-        std::memcpy(at + 1, name.data(), name.size());
+    path_[base] = '/';
+    std::memcpy(path_.get() + base + 1, name.data(), name.size());
     pathLength_ = length;
-    return {path_.data(), length};
+    return {path_.get(), length};
 }
 
-void BOMCursor::_setPath(std::string_view path) {
-    if (path.size() > path_.size()) path_.resize(path.size());
-    std::memcpy(path_.data(), path.data(), path.size());
+bool BOMCursor::_setPath(std::string_view path) {
+    if (path.size() > format::kMaxStoredPathLength) return false;
+    std::memcpy(path_.get(), path.data(), path.size());
     pathLength_ = path.size();
+    return true;
 }
 
+void BOMCursor::_growStack() {
+    const size_t capacity = std::max<size_t>(16, 2 * stackCapacity_);
+    std::unique_ptr<Frame[]> grown(new Frame[capacity]);
+    std::copy(stack_.get(), stack_.get() + stackCapacity_, grown.get());
+    stack_ = std::move(grown);
+    stackCapacity_ = capacity;
+}
+
+// The name is checked and copied into the path in one go: a short name whose block is
+// followed by enough bytes of the file is read and copied sixteen bytes at once (the
+// path buffer keeps room for that after the longest path).
 [[gnu::always_inline]] inline bool BOMCursor::_place(const Item& item, size_t level) {
-    bool root = item.parent == 0;
+    const size_t base = stack_[level].pathLength;
+    char* const at = path_.get() + base;
+    const char* const stored = reinterpret_cast<const char*>(item.key) + 4;
+    const size_t storedSize = item.keyLength - 4;
+    const size_t readable = blocks_.size - size_t(item.key - blocks_.bytes) - 4;
+    size_t length;
+    if (storedSize <= kCopyBytes && readable >= kCopyBytes) {
+        length = format::copyShortName(stored, storedSize, at + 1);
+        if (length == std::string_view::npos) return false;
+    } else {
+        length = format::storedNameLength(stored, storedSize, readable);
+        if (length == std::string_view::npos || base + 1 + length > format::kMaxStoredPathLength) return false;
+        std::memcpy(at + 1, stored, length);
+    }
+    const std::string_view name(stored, length);
+    const size_t pathLength = base + 1 + length;
+    if (format::isReservedName(name) || pathLength > format::kMaxStoredPathLength) [[unlikely]]
+        return false;
+    *at = '/';
+    _setFrame(level + 1, Frame{item.id, uint32_t(pathLength)});
+    view_.moveTo(item.infoBlock, item.id, name, {path_.get(), pathLength});
+    return true;
+}
+
+bool BOMCursor::_placeRoot(const Item& item) {
     std::string_view name = _name(item);
     if (name.empty()) return false;
-    std::string_view path;
-    if (root) {
-        _setPath(".");
-        path = _path();
-        stack_.assign(1, Frame{item.id, 1});
-    } else {
-        if (stack_.size() > level + 1) stack_.resize(level + 1);
-        path = _extendPath(stack_[level].pathLength, name);
-        if (path.empty()) return false;
-        stack_.push_back(Frame{item.id, uint32_t(path.size())});
-    }
-    view_.moveTo(item.infoBlock, item.id, name, path);
+    _setPath(".");
+    _setFrame(0, Frame{item.id, 1});
+    view_.moveTo(item.infoBlock, item.id, name, _path());
     return true;
 }
 
@@ -163,15 +182,15 @@ BOMCursor::Found BOMCursor::_descend(std::string_view path) {
     case Read::damaged: return Found::damaged;
     }
     if (item.parent != 0) return Found::departs;
-    if (!_place(item, 0)) return Found::damaged;
+    if (!_placeRoot(item)) return Found::damaged;
     path.remove_prefix(std::min<size_t>(path.size(), 2));
     while (!path.empty()) {
         size_t slash = path.find('/');
         std::string_view component = path.substr(0, slash);
         path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
         if (component.empty()) continue;
-        const size_t parentLevel = stack_.size() - 1;
-        const uint32_t parent = stack_.back().id;
+        const size_t parentLevel = depth_ - 1;
+        const uint32_t parent = _top().id;
         uint32_t skipFrom = 0;
         bool freshSkip = false;
         for (;;) {
@@ -203,7 +222,7 @@ BOMCursor::Found BOMCursor::_descend(std::string_view path) {
             return Found::departs;
         }
     }
-    startLevel_ = stack_.size() - 1;
+    startLevel_ = depth_ - 1;
     return Found::yes;
 }
 
@@ -215,7 +234,10 @@ bool BOMCursor::_startIndexed(std::string_view path) {
     }
     auto node = reader_->find(path);
     if (!node) return false;
-    _setPath(reader_->pathOf(*node));
+    if (!_setPath(reader_->pathOf(*node))) {
+        damaged_ = true;
+        return false;
+    }
     const WalkNode& walk = order_->nodes[*node];
     node_ = *node;
     stop_ = walk.end;
@@ -225,9 +247,7 @@ bool BOMCursor::_startIndexed(std::string_view path) {
     return true;
 }
 
-[[gnu::always_inline]] inline bool BOMCursor::_advanceInLeaves() {
-    const uint32_t skipFrom = skip_ ? stack_.back().id : 0;
-    skip_ = false;
+[[gnu::always_inline]] inline bool BOMCursor::_advanceInLeaves(const uint32_t skipFrom) {
     bool freshSkip = skipFrom != 0;
     for (;;) {
         if (skipFrom && (freshSkip || pairIndex_ == 0 || pairIndex_ >= pairCount_)) {
@@ -237,35 +257,53 @@ bool BOMCursor::_startIndexed(std::string_view path) {
         Item item{};
         switch (_read(item)) {
         case Read::item: break;
-        case Read::end: done_ = true; return false;
+        case Read::end: return _finish();
         case Read::departs: return _switchToIndex(skipFrom, lastId_);
         case Read::damaged: return _fail();
         }
         if (skipFrom && item.parent >= skipFrom) continue;
-        size_t level = stack_.size();
-        while (level > 0 && stack_[level - 1].id != item.parent) --level;
+        size_t level = depth_;
+        const Frame* frames = stack_.get();
+        while (level > 0 && frames[level - 1].id != item.parent) --level;
         if (level == 0) return _switchToIndex(skipFrom, item.id - 1);
-        if (level - 1 < startLevel_) {  // past the starting entry's subtree
-            done_ = true;
-            return false;
-        }
+        if (level - 1 < startLevel_) return _finish();  // past the starting entry's subtree
         if (!_place(item, level - 1)) return _fail();
         delivered_ = true;
         return true;
     }
 }
 
-bool BOMCursor::advance() {
+[[gnu::always_inline]] inline bool BOMCursor::_next() {
+    if (held_ || fieldsDamaged_) [[unlikely]]
+        return _advanceHeld();
+    return _advanceInLeaves(0);
+}
+
+bool BOMCursor::advance() { return _next(); }
+
+// The same loop as every walk's, with the next entry found inline rather than through
+// a virtual call.
+BOMWalkStatus BOMCursor::visitRemaining(BOMVisitor& visitor) {
+    return _visitWith(visitor, [this] { return _next(); });
+}
+
+bool BOMCursor::_advanceHeld() {
     if (done_ || fieldsDamaged_) return false;
     if (!started_) {
         started_ = true;
+        held_ = order_ != nullptr;
         return true;
     }
-    return order_ ? _advanceInIndex() : _advanceInLeaves();
+    const bool skip = skip_;
+    skip_ = false;
+    if (order_) return _advanceInIndex(skip);
+    held_ = false;
+    return _advanceInLeaves(skip ? _top().id : 0);
 }
 
 bool BOMCursor::_switchToIndex(uint32_t skipFrom, uint32_t passed) {
     order_ = reader_->index();
+    held_ = true;
     if (!order_) return _fail();
     const NodeIndex startNode = stack_[startLevel_].id - 1;
     // The items read so far must be the first ones of the index's walk order, so that
@@ -275,35 +313,25 @@ bool BOMCursor::_switchToIndex(uint32_t skipFrom, uint32_t passed) {
     if (!prefix) {
         if (delivered_) return _fail();
         // Nothing below the start handed out yet: start again from it through the index.
-        std::string start(path_.data(), stack_[startLevel_].pathLength);
+        std::string start(path_.get(), stack_[startLevel_].pathLength);
         bool skipped = skipFrom != 0;
-        stack_.clear();
+        depth_ = 0;
         if (!_startIndexed(start)) return _fail();
-        if (skipped) {
-            done_ = true;
-            return false;
-        }
-        return _advanceInIndex();
+        if (skipped) return _finish();
+        return _advanceInIndex(false);
     }
     stop_ = order_->nodes[startNode].end;
     NodeIndex next = passed;
     if (skipFrom) next = std::max(next, order_->nodes[skipFrom - 1].end);
-    pathLengths_.resize(stack_.size());
-    for (size_t level = 0; level < stack_.size(); ++level) pathLengths_[level] = stack_[level].pathLength;
-    if (next >= stop_) {
-        done_ = true;
-        return false;
-    }
+    pathLengths_.resize(depth_);
+    for (size_t level = 0; level < depth_; ++level) pathLengths_[level] = stack_[level].pathLength;
+    if (next >= stop_) return _finish();
     return _showNode(next) || _fail();
 }
 
-bool BOMCursor::_advanceInIndex() {
-    NodeIndex next = skip_ ? order_->nodes[node_].end : node_ + 1;
-    skip_ = false;
-    if (next >= stop_) {
-        done_ = true;
-        return false;
-    }
+bool BOMCursor::_advanceInIndex(bool skip) {
+    NodeIndex next = skip ? order_->nodes[node_].end : node_ + 1;
+    if (next >= stop_) return _finish();
     return _showNode(next) || _fail();
 }
 

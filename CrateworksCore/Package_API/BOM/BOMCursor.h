@@ -13,12 +13,14 @@
 // entries already handed out, or whose index cannot be built, ends the walk as damaged.
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "CrateworksCore/Package_API/BOM/BOMEnumerator.h"
+#include "CrateworksCore/Package_API/BOM/BOMFormat.h"
 #include "CrateworksCore/Package_API/BOM/BOMReader.h"
 
 namespace crateworks::bom {
@@ -32,7 +34,11 @@ public:
                                              bool* damaged = nullptr);
 
     bool advance() override;
-    void skipDescendants() override { skip_ = true; }
+    BOMWalkStatus visitRemaining(BOMVisitor& visitor) override;
+    void skipDescendants() override {
+        skip_ = true;
+        held_ = true;
+    }
     bool damaged() const override { return damaged_ || fieldsDamaged_; }
 
 private:
@@ -45,13 +51,15 @@ private:
         const uint8_t* key;  // its name is read only when it is needed
     };
     static constexpr size_t kCopyBytes = 16;
+    // Room for the longest stored path, and for a short name copied whole after it.
+    static constexpr size_t kPathBufferSize = format::kMaxStoredPathLength + 1 + kCopyBytes;
     struct Frame {
         uint32_t id;
         uint32_t pathLength;
     };
 
     explicit BOMCursor(std::shared_ptr<const BOMReader> reader)
-        : reader_(std::move(reader)), blocks_(reader_->blocks()) {
+        : reader_(std::move(reader)), blocks_(reader_->blocks()), path_(new char[kPathBufferSize]) {
         view_ = BOMEntryView(reader_.get(), 0, 0, {}, {}, &fieldsDamaged_);
     }
 
@@ -70,21 +78,41 @@ private:
     // Makes the item the current entry below the frame at `level`; false when its name
     // is damaged. Its info block is read when a field of the view is asked for.
     bool _place(const Item& item, size_t level);
+    // Makes the root item the current entry, at level 0.
+    bool _placeRoot(const Item& item);
+    // The frame at `level` becomes the deepest one.
+    void _setFrame(size_t level, Frame frame) {
+        if (level == stackCapacity_) [[unlikely]]
+            _growStack();
+        stack_[level] = frame;
+        depth_ = level + 1;
+    }
+    void _growStack();
+    const Frame& _top() const { return stack_[depth_ - 1]; }
     // The current path: the first `base` bytes of the one before, a slash and `name`;
     // empty when that is longer than a stored path may be.
     std::string_view _extendPath(size_t base, std::string_view name);
-    void _setPath(std::string_view path);
-    std::string_view _path() const { return {path_.data(), pathLength_}; }
-    bool _advanceInLeaves();
+    // False when the path is longer than a stored path may be.
+    bool _setPath(std::string_view path);
+    std::string_view _path() const { return {path_.get(), pathLength_}; }
+    // The next item of the leaves, the subtree of `skipFrom` passed over when it is not 0.
+    bool _advanceInLeaves(uint32_t skipFrom);
+    // advance() off its common path: the first call, a skip, the index, the end.
+    bool _advanceHeld();
+    bool _next();
     // Goes on through the whole-file index after a departure, `passed` items having
     // been read before it (the subtree of `skipFrom` being skipped, when not 0).
     bool _switchToIndex(uint32_t skipFrom, uint32_t passed);
-    bool _advanceInIndex();
+    bool _advanceInIndex(bool skip);
     // False when the node's path is too long to be believed.
     bool _showNode(NodeIndex node);
     bool _fail() {
         damaged_ = true;
+        return _finish();
+    }
+    bool _finish() {
         done_ = true;
+        held_ = true;
         return false;
     }
 
@@ -97,10 +125,13 @@ private:
     uint32_t forward_ = 0;
     uint32_t leavesEntered_ = 0;
     uint32_t lastId_ = 0;  // of the last item read
-    // The current entry and its ancestors, by depth; the walk's start is at startLevel_.
-    std::vector<Frame> stack_;
+    // The current entry and its ancestors, by depth (the first depth_ frames); the walk's
+    // start is at startLevel_.
+    std::unique_ptr<Frame[]> stack_;
+    size_t stackCapacity_ = 0;
+    size_t depth_ = 0;
     size_t startLevel_ = 0;
-    std::string path_;  // a buffer: the path is its first pathLength_ bytes
+    std::unique_ptr<char[]> path_;  // kPathBufferSize bytes: the path is the first pathLength_
     size_t pathLength_ = 0;
     // After a departure (or for a file indexed before), nodes of the index instead.
     const WalkOrder* order_ = nullptr;
@@ -108,6 +139,9 @@ private:
     NodeIndex stop_ = 0;
     std::vector<uint32_t> pathLengths_;  // by depth
 
+    // Set whenever advance() cannot take its common path (not started, a skip asked for,
+    // walking the index, done), so that one test keeps it there.
+    bool held_ = true;
     bool started_ = false;
     bool delivered_ = false;  // an entry after the start has been handed out
     bool skip_ = false;

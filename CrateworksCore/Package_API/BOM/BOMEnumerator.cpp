@@ -21,7 +21,7 @@ const BOMEntry& BOMEnumerator::entry() {
 }
 
 BOMWalkStatus BOMEnumerator::visitRemaining(BOMVisitor& visitor) {
-    return forEachRemaining([&visitor](const BOMEntryView& entry) { return visitor.visit(entry); });
+    return _visitWith(visitor, [this] { return advance(); });
 }
 
 }  // namespace crateworks::bom

@@ -52,12 +52,27 @@ public:
     // The next entry decoded in full, valid until the next call; null at the end.
     const BOMEntry* next() { return advance() ? &entry() : nullptr; }
 
-    // Hands every remaining entry to `visitor`, allocating nothing per entry.
-    BOMWalkStatus visitRemaining(BOMVisitor& visitor);
+    // Hands every remaining entry to `visitor`, allocating nothing per entry. A kind of
+    // walk may do this in a loop of its own, without a virtual call to advance() per entry.
+    virtual BOMWalkStatus visitRemaining(BOMVisitor& visitor);
     // The same with any callable taking a view and answering a BOMVisit.
     template <typename Visit> BOMWalkStatus forEachRemaining(Visit&& visit) {
-        while (advance()) {
-            switch (visit(view())) {
+        struct Adapter final : BOMVisitor {
+            explicit Adapter(Visit& v) : call(v) {}
+            BOMVisit visit(const BOMEntryView& entry) override { return call(entry); }
+            Visit& call;
+        } adapter(visit);
+        return visitRemaining(adapter);
+    }
+
+protected:
+    // Kept up to date by each kind of walk; read without a virtual call, once an entry.
+    BOMEntryView view_;
+
+    // The visiting loop, with `step` moving to the next entry as advance() does.
+    template <typename Step> BOMWalkStatus _visitWith(BOMVisitor& visitor, Step&& step) {
+        while (step()) {
+            switch (visitor.visit(view_)) {
             case BOMVisit::kContinue: break;
             case BOMVisit::kSkipDescendants: skipDescendants(); break;
             case BOMVisit::kStop: return BOMWalkStatus::kStopped;
@@ -65,10 +80,6 @@ public:
         }
         return damaged() ? BOMWalkStatus::kDamaged : BOMWalkStatus::kComplete;
     }
-
-protected:
-    // Kept up to date by each kind of walk; read without a virtual call, once an entry.
-    BOMEntryView view_;
 
 private:
     BOMEntry decoded_;

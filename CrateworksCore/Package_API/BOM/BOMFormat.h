@@ -45,6 +45,18 @@ inline uint32_t readU32(const uint8_t* p) {
 }
 inline uint64_t readU64(const uint8_t* p) { return uint64_t(readU32(p)) << 32 | readU32(p + 4); }
 
+#if defined(__SSE2__)
+// storedNameLength of a name of `size` bytes (at most 16) held in `bytes`.
+[[gnu::always_inline]] inline size_t nameLengthIn(__m128i bytes, size_t size) {
+    const unsigned inside = (1u << size) - 1;
+    unsigned nul = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128()))) & inside;
+    unsigned slash = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('/')))) & inside;
+    if (!nul) return std::string_view::npos;
+    // (nul - 1) & ~nul: the bytes before the first NUL.
+    return slash & (nul - 1) & ~nul ? std::string_view::npos : size_t(__builtin_ctz(nul));
+}
+#endif
+
 // The length of a name stored up to its NUL in the `size` bytes at `name`; npos when no
 // NUL lies among them or a '/' comes before it. `readable` says how many bytes from
 // `name` on may be read (at least `size`): a name whose block is followed by sixteen of
@@ -52,15 +64,8 @@ inline uint64_t readU64(const uint8_t* p) { return uint64_t(readU32(p)) << 32 | 
 // as one word too, overlapping words already passed (in which there was neither byte).
 inline size_t storedNameLength(const char* name, size_t size, size_t readable) {
 #if defined(__SSE2__)
-    if (size <= 16 && readable >= 16) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(name));
-        const unsigned inside = (1u << size) - 1;
-        unsigned nul = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128()))) & inside;
-        unsigned slash = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('/')))) & inside;
-        if (!nul) return std::string_view::npos;
-        const unsigned first = unsigned(__builtin_ctz(nul));
-        return slash & ((1u << first) - 1) ? std::string_view::npos : first;
-    }
+    if (size <= 16 && readable >= 16)
+        return nameLengthIn(_mm_loadu_si128(reinterpret_cast<const __m128i*>(name)), size);
 #else
     (void)readable;
 #endif
@@ -92,6 +97,25 @@ inline size_t storedNameLength(const char* name, size_t size, size_t readable) {
     return std::string_view::npos;
 }
 
+// A name of at most sixteen stored bytes whose block is followed by enough bytes that
+// sixteen can be read from `name`: scanned as storedNameLength does, and sixteen bytes
+// from `name` copied to `to` (which has room for them) in the same step.
+[[gnu::always_inline]] inline size_t copyShortName(const char* name, size_t size, char* to) {
+#if defined(__SSE2__)
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(name));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), bytes);
+    return nameLengthIn(bytes, size);
+#else
+    std::memcpy(to, name, 16);
+    return storedNameLength(name, size, 16);
+#endif
+}
+
+// Whether a name may not stand for an entry below the root: empty, "." or "..".
+[[gnu::always_inline]] inline bool isReservedName(std::string_view name) {
+    return name.size() <= 2 && (name.empty() || name == "." || name == "..");
+}
+
 // The name a key block holds after its parent's id, checked: the root's must be ".",
 // any other's must not be empty, "." or "..". Empty when it is not a sound name.
 // `readable` says how many bytes from the block's start may be read (at least
@@ -102,7 +126,8 @@ inline size_t storedNameLength(const char* name, size_t size, size_t readable) {
     if (length == std::string_view::npos) return {};
     const std::string_view n(name, length);
     if (root) return n == "." ? n : std::string_view();
-    if (n.empty() || n == "." || n == "..") return {};
+    if (isReservedName(n)) [[unlikely]]
+        return {};
     return n;
 }
 

@@ -189,6 +189,26 @@ TEST_F(DamagedBOM, PathsLongerThan64KiBAreRefused) {
     EXPECT_TRUE(departing(shallow).open());
     EXPECT_FALSE(deep.open());
     EXPECT_FALSE(departing(deep).open());
+
+    // A short name is copied into the path sixteen bytes at once: one that takes a path
+    // to exactly 64 KiB is walked, one a byte longer is refused.
+    auto endingIn = [&](const std::string& name, const std::string& leaf) {
+        bomtest::SampleBOM sample(dir / name);
+        std::string path;
+        for (int level = 0; level < 65; ++level) {
+            path += (level ? "/" : "") + component;
+            sample.directory(path);
+        }
+        path += "/" + std::string(460, 'm');  // "./" and this: 65,527 bytes
+        sample.directory(path);
+        sample.directory(path + "/" + leaf);
+        return BOMBytes(sample.commit());
+    };
+    BOMBytes atLimit = endingIn("at-limit.bom", "12345678"), overLimit = endingIn("over-limit.bom", "123456789");
+    EXPECT_TRUE(atLimit.open());
+    EXPECT_TRUE(departing(atLimit).open());
+    EXPECT_FALSE(overLimit.open());
+    EXPECT_FALSE(departing(overLimit).open());
 }
 
 // The name scan reads words or sixteen bytes at once; against a byte at a time, for
