@@ -1,6 +1,7 @@
 #include "FHPathAnalysis/ConfMigrator/FHConfMigrator.h"
 
 #include <algorithm>
+#include <mutex>
 
 #include "FHPathAnalysis/FindSystemFiles/FHFindSystemFiles.h"
 #include "FHPathAnalysis/Support/FHLogging.h"
@@ -70,9 +71,33 @@ PathList groupingCopyPaths(const char* group) {
     return out;
 }
 
-std::optional<PathSet>& packageDataPaths() {
-    static std::optional<PathSet> paths;
-    return paths;
+// The package-data paths: the set once the first call has made it, the root that call
+// named, and the tool's output while it is still to be read.
+struct PackageData {
+    std::mutex lock;
+    std::optional<PathSet> paths;
+    std::string root;
+    std::shared_ptr<TaskOutputLineEnumerator> output;
+};
+
+PackageData& packageData() {
+    static PackageData data;
+    return data;
+}
+
+// Steps 1 to 5 up to starting the tool; `data.lock` held.
+void startPackageData(PackageData& data, const std::string& root) {
+    if (data.paths) return;
+    data.paths.emplace();
+    data.root = root;
+    auto directory = FHConfMigrator::_confMigratorDirectory();
+    if (!directory) return;
+    std::string tool = path::appendComponent(*directory, "pdExtraKeepPaths");
+    if (!platform::fs::exists(tool)) {
+        platform::consoleLog("**** Warning : Did not find PD extra tool at " + tool);
+        return;
+    }
+    data.output = TaskOutputLineEnumerator::initWithLaunchPath(tool, {root});
 }
 
 }  // namespace
@@ -273,21 +298,19 @@ PathSet FHConfMigrator::allPathsToPreserveAfterInstallationAtPath(const std::str
     return paths;
 }
 
+void FHConfMigrator::startExtraConfigPathsFromPackageDataAtPath(const std::string& root) {
+    auto& data = packageData();
+    std::lock_guard lock(data.lock);
+    startPackageData(data, root);
+}
+
 const PathSet& FHConfMigrator::extraConfigPathsFromPackageDataAtPath(const std::string& root) {
-    auto& cached = packageDataPaths();
-    if (cached) return *cached;
-    cached.emplace();
-    auto directory = _confMigratorDirectory();
-    if (!directory) return *cached;
-    std::string tool = path::appendComponent(*directory, "pdExtraKeepPaths");
-    if (!platform::fs::exists(tool)) {
-        platform::consoleLog("**** Warning : Did not find PD extra tool at " + tool);
-        return *cached;
-    }
-    auto lines = TaskOutputLineEnumerator::initWithLaunchPath(tool, {root});
-    if (!lines) return *cached;
-    while (auto line = lines->nextObject()) cached->insert(path::appendComponent(root, *line));
-    return *cached;
+    auto& data = packageData();
+    std::lock_guard lock(data.lock);
+    startPackageData(data, root);
+    if (auto lines = std::move(data.output))
+        while (auto line = lines->nextObject()) data.paths->insert(path::appendComponent(data.root, *line));
+    return *data.paths;
 }
 
 PathList FHConfMigrator::extraFileGroupingPathsForOSInstalls() {
@@ -316,5 +339,11 @@ PathList FHConfMigrator::extraFileGroupingPathsForLibrary() {
 PathList FHConfMigrator::extraSystemSettingsLocations() { return {"/private/etc", "/private/var"}; }
 
 namespace detail {
-void resetPackageDataPathsForTesting() { packageDataPaths().reset(); }
+void resetPackageDataPathsForTesting() {
+    auto& data = packageData();
+    std::lock_guard lock(data.lock);
+    data.output.reset();
+    data.paths.reset();
+    data.root.clear();
+}
 }  // namespace detail

@@ -73,8 +73,12 @@ public:
     // root's "System" to the fallback used when no rule says what to keep.
     static PathSet allPathsToPreserveAfterInstallationAtPath(const std::string& root, signed char serverInstall);
     // The lines of the "pdExtraKeepPaths" tool run on `root`, joined to it. Computed at the
-    // first call and kept for the process: later roots get the first root's answer.
+    // first call and kept for the process: later roots get the first root's answer. A
+    // caller that reads it while the set is still being made waits for it.
     static const PathSet& extraConfigPathsFromPackageDataAtPath(const std::string& root);
+    // Makes the first call without waiting for the tool: it runs while the caller goes on,
+    // and the first later call collects its lines. Nothing once the first call is made.
+    static void startExtraConfigPathsFromPackageDataAtPath(const std::string& root);
     static PathList extraFileGroupingPathsForOSInstalls();
     static PathList extraFileGroupingPathsForApplications();
     static PathList extraFileGroupingPathsForLibrary();

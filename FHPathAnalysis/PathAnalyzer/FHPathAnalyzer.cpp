@@ -90,6 +90,9 @@ std::shared_ptr<FHPathAnalyzer> FHPathAnalyzer::_initWithRootPath(const std::opt
     if (!str::hasPrefix(*rootPath, "/")) return nullptr;
     std::shared_ptr<FHPathAnalyzer> analyzer(new FHPathAnalyzer());
     analyzer->_rootPath = path::standardize(*rootPath);
+    // Every analysis of the volume needs the package-data paths: their tool reads the
+    // receipts' BOMs on the other processor while the receipts are read here.
+    FHConfMigrator::startExtraConfigPathsFromPackageDataAtPath(analyzer->_rootPath);
     analyzer->_fsf = FHFindSystemFiles::initWithRootPath(*rootPath, withFallbackFile);
     if (!analyzer->_fsf) return nullptr;
     return analyzer;

@@ -199,3 +199,21 @@ TEST_F(ConfMigratorTest, PackageDataToolRunsOnceAndFirstRootWins) {
     auto config = FHConfMigrator::allConfigPathsAtPath("/B");
     EXPECT_EQ(1, std::count(config.begin(), config.end(), "/A/etc/second"));
 }
+
+// Started early, the tool runs while the caller goes on (here: makes the file the tool
+// waits for, which a start that waited for the tool would never get to), once, for the
+// root it was started with; the first call collects its lines.
+TEST_F(ConfMigratorTest, PackageDataToolStartedEarlyRunsWhileTheCallerGoesOn) {
+    std::string marker = volume_ / "runs", go = volume_ / "go";
+    bundle_.setExtraKeepPathsTool("echo run >> '" + marker + "'\n"
+                                  "i=0; while [ ! -e '" + go + "' ] && [ $i -lt 500 ]; do sleep 0.01; i=$((i+1)); done\n"
+                                  "if [ -e '" + go + "' ]; then echo /etc/after-go; else echo /etc/gave-up; fi");
+    FHConfMigrator::startExtraConfigPathsFromPackageDataAtPath("/A");
+    FHConfMigrator::startExtraConfigPathsFromPackageDataAtPath("/C");  // the first start stands
+    writeFile(go, "");
+    EXPECT_EQ((std::vector<std::string>{"/A/etc/after-go"}),
+              sorted(FHConfMigrator::extraConfigPathsFromPackageDataAtPath("/B")));
+    EXPECT_EQ((std::vector<std::string>{"/A/etc/after-go"}),
+              sorted(FHConfMigrator::extraConfigPathsFromPackageDataAtPath("/A")));
+    EXPECT_EQ("run\n", readFile(marker));
+}
