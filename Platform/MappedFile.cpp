@@ -10,10 +10,17 @@
 namespace platform {
 
 std::shared_ptr<MappedFile> MappedFile::open(const std::string& path, Pages pages) {
-    auto file = fs::File::open(path, {.regularFile = true});
+    // Opened without blocking, so that a FIFO planted where the file should be cannot
+    // stall the open, and judged by fstat on the open descriptor, which also gives the
+    // size. The descriptor is only mapped, so it is left non-blocking.
+    auto file = fs::File::open(path, {.nonBlocking = true});
     if (!file) return nullptr;
     struct stat st {};
-    if (fstat(file->descriptor(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
+    if (fstat(file->descriptor(), &st) != 0) return nullptr;
+    if (!S_ISREG(st.st_mode)) {
+        errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        return nullptr;
+    }
     size_t size = size_t(st.st_size);
     if (auto fault = fs::detail::readFaultFor(path); fault && size > fault->offset) {
         if (fault->errorCode != 0) {
