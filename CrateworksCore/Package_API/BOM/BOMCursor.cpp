@@ -291,7 +291,7 @@ bool BOMCursor::_advanceHeld() {
     if (done_ || fieldsDamaged_) return false;
     if (!started_) {
         started_ = true;
-        held_ = order_ != nullptr;
+        held_ = order_ != nullptr || skip_;
         return true;
     }
     const bool skip = skip_;
