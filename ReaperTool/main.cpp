@@ -19,7 +19,6 @@ int reaperMain(int argc, char** argv) {
     if (argc < 3) return 1;
     std::string rootPath = argv[1];
     std::string targetVersion = argv[2];
-    auto analyzer = FHPathAnalyzer::initWithRootPath(rootPath);
 
     platform::Error error;
     auto diversion = platform::DivertedStandardOutput::begin(&error);
@@ -28,6 +27,8 @@ int reaperMain(int argc, char** argv) {
         fprintf(stderr, "failed to pipe stdout: %d %s", code, strerror(code));
         return 2;
     }
+    // Made once standard output is diverted: the analyzer starts the rule-data tool.
+    auto analyzer = FHPathAnalyzer::initWithRootPath(rootPath);
     std::optional<uint64_t> size;
     std::optional<FHPathAnalyzer::PathList> paths;
     if (analyzer) paths = analyzer->prunedReaperPathsReturningSize(&size, targetVersion);

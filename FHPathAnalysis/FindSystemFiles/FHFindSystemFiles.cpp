@@ -482,6 +482,10 @@ FHFindSystemFiles::PathList FHFindSystemFiles::coalescedPathsForPackageGroup(con
 
 // ---- Cached entry point ----
 
+std::optional<FHFindSystemFiles::PathList> FHFindSystemFiles::cachedSystemPaths() const {
+    return FHSystemPathCache(_rootPath, _latestSystemReceiptDate()).read();
+}
+
 std::optional<FHFindSystemFiles::PathList> FHFindSystemFiles::systemPaths() {
     FHSystemPathCache cache(_rootPath, _latestSystemReceiptDate());
     if (auto cached = cache.read()) return cached;

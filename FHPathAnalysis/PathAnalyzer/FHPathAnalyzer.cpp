@@ -219,11 +219,21 @@ std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedUserPathsWithParen
     const PathList omitted = omittingPaths.value_or(PathList{});
 
     PathList userPaths = FHConfMigrator::allUserPathsAtPath(_rootPath);
-    _fsf->addPrunePaths(FHConfMigrator::allConfigPathsAtPath(_rootPath));
-    if (!userPaths.empty()) _fsf->addPrunePaths(userPaths);
-    if (includingPaths) _fsf->addPrunePaths(*includingPaths);
-    auto systemPaths = _fsf->systemPaths();
-    if (!systemPaths) return std::nullopt;
+    auto addPrunePaths = [&] {
+        _fsf->addPrunePaths(FHConfMigrator::allConfigPathsAtPath(_rootPath));
+        if (!userPaths.empty()) _fsf->addPrunePaths(userPaths);
+        if (includingPaths) _fsf->addPrunePaths(*includingPaths);
+    };
+    // The prune paths count only when the system paths are found afresh. A cached list is
+    // taken first, so that the walk runs while the rule-data tool that the configuration
+    // paths wait for (started with the analyzer) is still reading the receipts' BOMs.
+    auto systemPaths = _fsf->cachedSystemPaths();
+    const bool cached = systemPaths.has_value();
+    if (!cached) {
+        addPrunePaths();
+        systemPaths = _fsf->systemPaths();
+        if (!systemPaths) return std::nullopt;
+    }
 
     FHUserPathWalk walk(_rootPath, directory, *systemPaths, asSet(FHFindSystemFiles::_searchPaths()),
                         asSet(FHFindSystemFiles::_searchChildrenOfPaths()), omitted);
@@ -231,6 +241,7 @@ std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedUserPathsWithParen
     FH_ASSERT_AT_LINE("-[FHPathAnalyzer prunedUserPathsWithParentDirectory:omittingPaths:includingPaths:]", 329, de,
                       "the walk of " + directory + " cannot be started");
     PathList result = walk.result();
+    if (cached) addPrunePaths();
 
     // Configuration and other prune paths never count as user paths; the rules' user paths do.
     std::unordered_set<std::string> prunes(_fsf->prunePaths().begin(), _fsf->prunePaths().end());

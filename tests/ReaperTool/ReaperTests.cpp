@@ -54,7 +54,9 @@ protected:
                               FERRYHOLD_BINARY_DIR + "/reaper'";
         for (const auto& a : args) command += " '" + a + "'";
         Outcome run;
-        command += " 2>'" + dir / "stderr" + "'";
+        // Appended to, so that a child writing to the same file (below) overwrites nothing.
+        std::filesystem::remove(dir / "stderr");
+        command += " 2>>'" + dir / "stderr" + "'";
         run.out = runCommand(command, &run.status);
         run.err = readFile(dir / "stderr");
         return run;
@@ -115,7 +117,7 @@ TEST_F(ReaperTest, ExitStatuses) {
 
 TEST_F(ReaperTest, DocumentHasTwoKeysAndOutputOfTheAnalysisGoesToStandardError) {
     // The rule-data tool writes to the reaper's own standard output while it runs.
-    bundle.setExtraKeepPathsTool("echo 'noise from the rule tool' > /proc/$PPID/fd/1");
+    bundle.setExtraKeepPathsTool("echo 'noise from the rule tool' >> /proc/$PPID/fd/1");
     bundle.setExclusionList({"/.HFS+ Private Directory Data\\r"}, {}, {}, {});
     std::string root = makeVolume("v");
     Outcome run = reaper({root, "10.7"});

@@ -158,6 +158,38 @@ TEST_F(UserPathsTest, OmittedIncludedAndRulePaths) {
     EXPECT_EQ(1, std::count(kept.begin(), kept.end(), "/data/keep/k"));
 }
 
+// With a valid cache the walk runs before the prune paths are gathered (the rule-data tool
+// is still running then); without one they are gathered first, since the finding counts
+// them. Either way a rule's configuration path is dropped, its user path stays and an
+// included path is listed (the system paths themselves differ: the finding here has no
+// receipt files to go by).
+TEST_F(UserPathsTest, RulePathsPruneWithAndWithoutTheCache) {
+    bundle.setExclusionList({}, {}, {"/opt"}, {});
+    bundle.addRuleFile("r.plist",
+                       platform::Dictionary{{"g", platform::Array{entry({{"KeepPath", "/opt/config"}}),
+                                                                  entry({{"UserPath", "/opt/userdata"}})}}});
+    for (bool cached : {true, false}) {
+        SCOPED_TRACE(cached ? "cached" : "found afresh");
+        FHPathAnalyzer::clearSizingCache();
+        console.clear();
+        std::filesystem::remove_all(dir / "v");
+        auto a = analyzer({"/bin"}, [](VolumeBuilder& v) {
+            v.file("/opt/config/c", 10).file("/opt/userdata/u", 10).file("/opt/other/o", 10);
+        });
+        ASSERT_TRUE(a);
+        if (!cached) {
+            ASSERT_TRUE(std::filesystem::remove(root + FHSystemPathCache::kCachePath));
+        }
+        auto kept = a->prunedUserPathsWithParentDirectory(std::nullopt, std::nullopt, Paths{"/opt/extra/inc"});
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(cached, logged("Using system path cache v`10.7.0'."));
+        Paths underOpt;
+        std::copy_if(kept->begin(), kept->end(), std::back_inserter(underOpt),
+                     [](const std::string& p) { return p.rfind("/opt", 0) == 0; });
+        EXPECT_EQ((Paths{"/opt/extra/inc", "/opt/other", "/opt/userdata"}), underOpt);
+    }
+}
+
 TEST_F(UserPathsTest, PlainWalkListsEverythingWithNothingOmitted) {
     TempDir volume;
     writeFile(volume / "Network/n", "");
