@@ -13,7 +13,6 @@
 // entries already handed out, or whose index cannot be built, ends the walk as damaged.
 #pragma once
 
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -99,6 +98,7 @@ private:
     bool _advanceInLeaves(uint32_t skipFrom);
     // advance() off its common path: the first call, a skip, the index, the end.
     bool _advanceHeld();
+    // What advance() does, inline in the cursor's own visiting loop.
     bool _next();
     // Goes on through the whole-file index after a departure, `passed` items having
     // been read before it (the subtree of `skipFrom` being skipped, when not 0).
@@ -131,7 +131,7 @@ private:
     size_t stackCapacity_ = 0;
     size_t depth_ = 0;
     size_t startLevel_ = 0;
-    std::unique_ptr<char[]> path_;  // kPathBufferSize bytes: the path is the first pathLength_
+    std::unique_ptr<char[]> path_;  // kPathBufferSize bytes, the path in the first pathLength_
     size_t pathLength_ = 0;
     // After a departure (or for a file indexed before), nodes of the index instead.
     const WalkOrder* order_ = nullptr;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include "BOMTestSupport.h"
@@ -240,6 +241,15 @@ TEST(StoredName, WordScanAgreesWithOneByteAtATime) {
                                   crateworks::bom::format::storedNameLength(bytes.data(), size, readable))
                             << "size " << size << ", NUL at " << nul << ", slash at " << slash << ", readable "
                             << readable;
+                        // The walk's one step for a short name followed by enough bytes:
+                        // the same answer, and the sixteen bytes copied.
+                        if (size <= 16 && readable >= 16) {
+                            char copy[16];
+                            ASSERT_EQ(reference(bytes.data(), size),
+                                      crateworks::bom::format::copyShortName(bytes.data(), size, copy))
+                                << "size " << size << ", NUL at " << nul << ", slash at " << slash;
+                            ASSERT_EQ(0, std::memcmp(copy, bytes.data(), 16));
+                        }
                         ++checked;
                     }
     EXPECT_GT(checked, 10000u);
