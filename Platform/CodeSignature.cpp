@@ -14,6 +14,8 @@
 
 namespace platform::security {
 
+using detail::crypto;
+
 namespace {
 constexpr const char* kResourcesName = "CodeResources";
 constexpr const char* kSignatureName = "CodeSignature";
@@ -55,25 +57,26 @@ bool isSafeRelativePath(const std::string& relative) {
 }
 
 detail::CMSPtr readSignature(const Data& der) {
+    if (!CryptoLibrary::get()) return nullptr;
     auto bio = detail::memoryBIO(der);
-    return detail::CMSPtr(bio ? d2i_CMS_bio(bio.get(), nullptr) : nullptr);
+    return detail::CMSPtr(bio ? crypto().d2i_CMS_bio(bio.get(), nullptr) : nullptr);
 }
 
 CertificateList signerFirst(CMS_ContentInfo* cms) {
     CertificateList ordered;
-    detail::X509StackPtr stored(CMS_get1_certs(cms));
-    STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms);
+    detail::X509StackPtr stored(crypto().CMS_get1_certs(cms));
+    STACK_OF(CMS_SignerInfo)* signers = crypto().CMS_get0_SignerInfos(cms);
     CMS_SignerInfo* signer =
-        signers && sk_CMS_SignerInfo_num(signers) > 0 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
+        signers && detail::stackCount(signers) > 0 ? detail::stackItem<CMS_SignerInfo>(signers, 0) : nullptr;
     int leaf = -1;
-    for (int i = 0; stored && signer && i < sk_X509_num(stored.get()); ++i)
-        if (CMS_SignerInfo_cert_cmp(signer, sk_X509_value(stored.get(), i)) == 0) {
+    for (int i = 0; stored && signer && i < detail::stackCount(stored.get()); ++i)
+        if (crypto().CMS_SignerInfo_cert_cmp(signer, detail::stackItem<X509>(stored.get(), i)) == 0) {
             leaf = i;
             break;
         }
-    if (leaf >= 0) ordered.push_back(Certificate::fromNative(sk_X509_value(stored.get(), leaf)));
-    for (int i = 0; stored && i < sk_X509_num(stored.get()); ++i)
-        if (i != leaf) ordered.push_back(Certificate::fromNative(sk_X509_value(stored.get(), i)));
+    if (leaf >= 0) ordered.push_back(Certificate::fromNative(detail::stackItem<X509>(stored.get(), leaf)));
+    for (int i = 0; stored && i < detail::stackCount(stored.get()); ++i)
+        if (i != leaf) ordered.push_back(Certificate::fromNative(detail::stackItem<X509>(stored.get(), i)));
     return ordered;
 }
 
@@ -104,7 +107,7 @@ std::optional<SigningInformation> StaticCode::signingInformation(uint32_t flags)
 namespace {
 
 struct BIOChainDeleter {
-    void operator()(BIO* bio) const { BIO_free_all(bio); }
+    void operator()(BIO* bio) const { crypto().BIO_free_all(bio); }
 };
 
 // The signed bytes as the verifier reads them: a memory BIO behind a buffering filter.
@@ -112,9 +115,9 @@ struct BIOChainDeleter {
 // copy when the signature's content cannot be set up (an unknown digest, say).
 std::unique_ptr<BIO, BIOChainDeleter> contentBIO(std::span<const uint8_t> bytes) {
     auto memory = detail::memoryBIO(bytes);
-    std::unique_ptr<BIO, BIOChainDeleter> buffer(BIO_new(BIO_f_buffer()));
+    std::unique_ptr<BIO, BIOChainDeleter> buffer(crypto().BIO_new(crypto().BIO_f_buffer()));
     if (!memory || !buffer) return nullptr;
-    BIO_push(buffer.get(), memory.release());
+    crypto().BIO_push(buffer.get(), memory.release());
     return buffer;
 }
 
@@ -128,9 +131,9 @@ int64_t StaticCode::checkValidity(uint32_t flags) const {
     if (!resourcesBytes || !signature) return kStatusCodeUnsigned;
     auto cms = readSignature(*signature);
     auto content = contentBIO(*resourcesBytes);
-    detail::StorePtr store(X509_STORE_new());
+    detail::StorePtr store(crypto().X509_STORE_new());
     if (!cms || !content || !store ||
-        CMS_verify(cms.get(), nullptr, store.get(), content.get(), nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) !=
+        crypto().CMS_verify(cms.get(), nullptr, store.get(), content.get(), nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) !=
             1)
         return kStatusCodeSignatureInvalid;
     if (flags & kValidityDoNotValidateResources) return 0;
@@ -178,22 +181,23 @@ bool signDirectory(const std::string& directory, const std::string& identifier, 
     std::string xml = plist::toXML(Dictionary{{"Identifier", identifier}, {"Files", std::move(files)}});
     resources.assign(xml.begin(), xml.end());
 
-    detail::X509StackPtr extra(sk_X509_new_null());
-    for (size_t i = 1; i < certificates.size(); ++i) {
-        X509_up_ref(certificates[i]->native());
-        sk_X509_push(extra.get(), certificates[i]->native());
-    }
-    auto content = detail::memoryBIO(resources);
-    detail::CMSPtr cms(
-        CMS_sign(certificates[0]->native(), key.native(), extra.get(), content.get(), CMS_DETACHED | CMS_BINARY));
+    // The certificates and the key were read by the library: it is loaded.
+    detail::X509StackPtr extra = detail::newX509Stack();
+    bool stacked = bool(extra);
+    for (size_t i = 1; stacked && i < certificates.size(); ++i)
+        stacked = detail::pushX509(extra.get(), certificates[i]->native());
+    auto content = stacked ? detail::memoryBIO(resources) : nullptr;
+    detail::CMSPtr cms(content ? crypto().CMS_sign(certificates[0]->native(), key.native(), extra.get(), content.get(),
+                                                   CMS_DETACHED | CMS_BINARY)
+                               : nullptr);
     unsigned char* der = nullptr;
-    int length = cms ? i2d_CMS_ContentInfo(cms.get(), &der) : -1;
+    int length = cms ? crypto().i2d_CMS_ContentInfo(cms.get(), &der) : -1;
     if (length <= 0) {
         setSigningError(error, "the key does not sign with the certificate given");
         return false;
     }
     Data signature(der, der + length);
-    OPENSSL_free(der);
+    detail::freeMemory(der);
 
     std::string folder = path::appendComponent(directory, kCodeSignatureDirectory);
     return fs::createDirectories(folder, 0755, error) &&

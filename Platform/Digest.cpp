@@ -1,20 +1,19 @@
 #include "Platform/Digest.h"
 
-#include <openssl/evp.h>
-
+#include "Platform/CryptoLibrary.h"
 #include "Platform/FileSystem.h"
 
 namespace platform::digest {
 
 namespace {
-const EVP_MD* evpFor(Algorithm a) {
+const EVP_MD* evpFor(const CryptoLibrary& crypto, Algorithm a) {
     switch (a) {
-    case Algorithm::SHA1: return EVP_sha1();
-    case Algorithm::MD5: return EVP_md5();
-    case Algorithm::SHA256: return EVP_sha256();
-    case Algorithm::SHA512: return EVP_sha512();
+    case Algorithm::SHA1: return crypto.EVP_sha1();
+    case Algorithm::MD5: return crypto.EVP_md5();
+    case Algorithm::SHA256: return crypto.EVP_sha256();
+    case Algorithm::SHA512: return crypto.EVP_sha512();
     }
-    return EVP_sha1();
+    return crypto.EVP_sha1();
 }
 }  // namespace
 
@@ -37,25 +36,33 @@ std::optional<Algorithm> fromName(std::string_view name) {
 }
 
 struct Hasher::State {
-    EVP_MD_CTX* ctx = nullptr;
-    ~State() { EVP_MD_CTX_free(ctx); }
+    const CryptoLibrary* crypto = CryptoLibrary::get();
+    EVP_MD_CTX* ctx = nullptr;  // null when no digest can be computed
+    ~State() {
+        if (ctx) crypto->EVP_MD_CTX_free(ctx);
+    }
 };
 
 Hasher::Hasher(Algorithm algorithm) : state_(std::make_unique<State>()) {
-    state_->ctx = EVP_MD_CTX_new();
-    EVP_DigestInit_ex(state_->ctx, evpFor(algorithm), nullptr);
+    const CryptoLibrary* crypto = state_->crypto;
+    if (!crypto || !(state_->ctx = crypto->EVP_MD_CTX_new())) return;
+    if (crypto->EVP_DigestInit_ex(state_->ctx, evpFor(*crypto, algorithm), nullptr) != 1) {
+        crypto->EVP_MD_CTX_free(state_->ctx);
+        state_->ctx = nullptr;
+    }
 }
 
 Hasher::~Hasher() = default;
 
 void Hasher::update(std::span<const uint8_t> bytes) {
-    if (!bytes.empty()) EVP_DigestUpdate(state_->ctx, bytes.data(), bytes.size());
+    if (state_->ctx && !bytes.empty()) state_->crypto->EVP_DigestUpdate(state_->ctx, bytes.data(), bytes.size());
 }
 
 Data Hasher::finish() {
+    if (!state_->ctx) return {};
     Data out(EVP_MAX_MD_SIZE);
     unsigned int n = 0;
-    EVP_DigestFinal_ex(state_->ctx, out.data(), &n);
+    if (state_->crypto->EVP_DigestFinal_ex(state_->ctx, out.data(), &n) != 1) return {};
     out.resize(n);
     return out;
 }
@@ -67,6 +74,7 @@ Data compute(Algorithm algorithm, std::span<const uint8_t> bytes) {
 }
 
 std::optional<Data> ofFile(Algorithm algorithm, const std::string& path) {
+    if (!CryptoLibrary::get()) return std::nullopt;
     Hasher h(algorithm);
     bool read = fs::readInChunks(path, size_t(1) << 16, [&](std::span<const uint8_t> chunk) {
         h.update(chunk);

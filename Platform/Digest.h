@@ -26,7 +26,8 @@ public:
     Hasher& operator=(const Hasher&) = delete;
 
     void update(std::span<const uint8_t> bytes);
-    // The digest; the hasher cannot be updated afterwards.
+    // The digest; the hasher cannot be updated afterwards. Empty when no digest can be
+    // computed (the library that computes them cannot be loaded).
     Data finish();
 
 private:
@@ -34,8 +35,9 @@ private:
     std::unique_ptr<State> state_;
 };
 
+// Empty when no digest can be computed, as Hasher::finish.
 Data compute(Algorithm algorithm, std::span<const uint8_t> bytes);
-// Absent when the file cannot be read.
+// Absent when the file cannot be read or no digest can be computed.
 std::optional<Data> ofFile(Algorithm algorithm, const std::string& path);
 // Lower-case hexadecimal.
 std::string hex(std::span<const uint8_t> bytes);

@@ -1,7 +1,5 @@
 #include "Platform/Oid.h"
 
-#include <openssl/objects.h>
-
 #include "Platform/OpenSSLHandles.h"
 
 namespace platform::security {
@@ -29,22 +27,25 @@ std::optional<Oid> Oid::fromDotted(std::string_view dotted) {
         dotted.find("..") != std::string_view::npos || dotted.front() == '.' || dotted.back() == '.' ||
         dotted.find('.') == std::string_view::npos)
         return std::nullopt;
-    detail::ObjectPtr object(OBJ_txt2obj(std::string(dotted).c_str(), 1));
-    if (!object || OBJ_length(object.get()) == 0) return std::nullopt;
-    const unsigned char* data = OBJ_get0_data(object.get());
-    return Oid(Data(data, data + OBJ_length(object.get())));
+    const CryptoLibrary* crypto = CryptoLibrary::get();
+    if (!crypto) return std::nullopt;
+    detail::ObjectPtr object(crypto->OBJ_txt2obj(std::string(dotted).c_str(), 1));
+    if (!object || crypto->OBJ_length(object.get()) == 0) return std::nullopt;
+    const unsigned char* data = crypto->OBJ_get0_data(object.get());
+    return Oid(Data(data, data + crypto->OBJ_length(object.get())));
 }
 
 std::string Oid::dotted() const {
-    if (bytes_.empty()) return {};
+    const CryptoLibrary* crypto = CryptoLibrary::get();
+    if (bytes_.empty() || !crypto) return {};
     Data der = wholeEncoding(bytes_);
     const unsigned char* p = der.data();
-    detail::ObjectPtr object(d2i_ASN1_OBJECT(nullptr, &p, long(der.size())));
+    detail::ObjectPtr object(crypto->d2i_ASN1_OBJECT(nullptr, &p, long(der.size())));
     if (!object) return {};
-    int needed = OBJ_obj2txt(nullptr, 0, object.get(), 1);
+    int needed = crypto->OBJ_obj2txt(nullptr, 0, object.get(), 1);
     if (needed <= 0) return {};
     std::string text(size_t(needed) + 1, '\0');
-    OBJ_obj2txt(text.data(), needed + 1, object.get(), 1);
+    crypto->OBJ_obj2txt(text.data(), needed + 1, object.get(), 1);
     text.resize(size_t(needed));
     return text;
 }

@@ -1,6 +1,6 @@
 #include "Platform/SecurityStatus.h"
 
-#include <openssl/x509.h>
+#include "Platform/CryptoLibrary.h"
 
 namespace platform::security {
 
@@ -17,7 +17,11 @@ std::optional<std::string> messageForStatus(int64_t status) {
     case kStatusCodeUnsigned: return "the code is not signed";
     default: break;
     }
-    if (status > 0 && status < 1000) return std::string(X509_verify_cert_error_string(long(status)));
+    if (status > 0 && status < 1000) {
+        if (const CryptoLibrary* crypto = CryptoLibrary::get())
+            return std::string(crypto->X509_verify_cert_error_string(long(status)));
+        return "certificate verification error " + std::to_string(status);
+    }
     return std::nullopt;
 }
 

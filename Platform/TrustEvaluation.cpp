@@ -82,30 +82,30 @@ bool Trust::evaluate(int32_t* resultOut) {
         if (resultOut) *resultOut = result_;
         return ok;
     };
-    if (!policy_) return finish(false);
+    // The certificates were read by the library, so it is loaded; asked all the same.
+    const CryptoLibrary* crypto = CryptoLibrary::get();
+    if (!policy_ || !crypto) return finish(false);
 
     CertificateList anchors = anchors_ ? *anchors_ : systemAnchorCertificates();
-    detail::StorePtr store(X509_STORE_new());
-    detail::X509StackPtr untrusted(sk_X509_new_null());
-    detail::StoreCtxPtr ctx(X509_STORE_CTX_new());
+    detail::StorePtr store(crypto->X509_STORE_new());
+    detail::X509StackPtr untrusted = detail::newX509Stack();
+    detail::StoreCtxPtr ctx(crypto->X509_STORE_CTX_new());
     if (!store || !untrusted || !ctx) return finish(false);
-    for (const auto& anchor : anchors) X509_STORE_add_cert(store.get(), anchor->native());
-    for (size_t i = 1; i < certificates_.size(); ++i) {
-        X509_up_ref(certificates_[i]->native());
-        sk_X509_push(untrusted.get(), certificates_[i]->native());
-    }
-    if (X509_STORE_CTX_init(ctx.get(), store.get(), certificates_[0]->native(), untrusted.get()) != 1)
+    for (const auto& anchor : anchors) crypto->X509_STORE_add_cert(store.get(), anchor->native());
+    for (size_t i = 1; i < certificates_.size(); ++i)
+        if (!detail::pushX509(untrusted.get(), certificates_[i]->native())) return finish(false);
+    if (crypto->X509_STORE_CTX_init(ctx.get(), store.get(), certificates_[0]->native(), untrusted.get()) != 1)
         return finish(false);
-    X509_VERIFY_PARAM* param = X509_STORE_CTX_get0_param(ctx.get());
+    X509_VERIFY_PARAM* param = crypto->X509_STORE_CTX_get0_param(ctx.get());
     // Any anchor ends a chain, a root that is not self-signed included.
-    X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_PARTIAL_CHAIN);
-    X509_VERIFY_PARAM_set_depth(param, kMaxChainDepth);
-    X509_VERIFY_PARAM_set_time(param, time_t(verifyDate().secondsSince1970));
+    crypto->X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_PARTIAL_CHAIN);
+    crypto->X509_VERIFY_PARAM_set_depth(param, kMaxChainDepth);
+    crypto->X509_VERIFY_PARAM_set_time(param, time_t(verifyDate().secondsSince1970));
 
-    bool valid = X509_verify_cert(ctx.get()) == 1;
-    if (STACK_OF(X509)* built = X509_STORE_CTX_get0_chain(ctx.get())) {
-        for (int i = 0; i < sk_X509_num(built); ++i) {
-            auto certificate = Certificate::fromNative(sk_X509_value(built, i));
+    bool valid = crypto->X509_verify_cert(ctx.get()) == 1;
+    if (STACK_OF(X509)* built = crypto->X509_STORE_CTX_get0_chain(ctx.get())) {
+        for (int i = 0; i < detail::stackCount(built); ++i) {
+            auto certificate = Certificate::fromNative(detail::stackItem<X509>(built, i));
             uint32_t status = certificate->isSelfSigned() ? kChainStatusIsRoot : 0;
             for (const auto& anchor : anchors)
                 if (*anchor == *certificate) status |= kChainStatusIsInAnchors;
@@ -114,7 +114,7 @@ bool Trust::evaluate(int32_t* resultOut) {
         }
     }
     if (!valid) {
-        resultCode_ = X509_STORE_CTX_get_error(ctx.get());
+        resultCode_ = crypto->X509_STORE_CTX_get_error(ctx.get());
         result_ = resultForVerifyError(int(resultCode_));
         return finish(true);
     }

@@ -2,9 +2,9 @@
 
 #include <cstdlib>
 #include <mutex>
-#include <openssl/x509.h>
 #include <set>
 
+#include "Platform/CryptoLibrary.h"
 #include "Platform/FileSystem.h"
 #include "Platform/Log.h"
 #include "Platform/Path.h"
@@ -127,10 +127,13 @@ std::string trustSettingsPath(TrustSettingsDomain domain) {
 
 CertificateList systemCACertificates() {
     CertificateList out;
-    std::string file = environment(X509_get_default_cert_file_env());
-    readCertificateFile(file.empty() ? X509_get_default_cert_file() : file, out);
-    std::string dirs = environment(X509_get_default_cert_dir_env());
-    if (dirs.empty()) dirs = X509_get_default_cert_dir();
+    // Where the library was built to look, unless its environment variables say otherwise.
+    const CryptoLibrary* crypto = CryptoLibrary::get();
+    if (!crypto) return out;
+    std::string file = environment(crypto->X509_get_default_cert_file_env());
+    readCertificateFile(file.empty() ? crypto->X509_get_default_cert_file() : file, out);
+    std::string dirs = environment(crypto->X509_get_default_cert_dir_env());
+    if (dirs.empty()) dirs = crypto->X509_get_default_cert_dir();
     size_t start = 0;
     while (start <= dirs.size()) {
         size_t colon = dirs.find(':', start);
