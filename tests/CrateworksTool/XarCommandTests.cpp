@@ -127,6 +127,38 @@ TEST(XarCommand, ALibxml2ThatCannotBeLoadedIsNamed) {
     EXPECT_NE(std::string::npos, out.find("libxml2.so.2 cannot be loaded")) << out;
 }
 
+// libcrypto is loaded when a checksum is first computed; where it cannot be, no archive
+// is written with empty checksums and none is read without checking them: each command
+// fails, once naming the library, and crashes in none.
+TEST(XarCommand, ALibcryptoThatCannotBeLoadedFailsEveryChecksum) {
+    TempDir tmp;
+    testsupport::writeFile(tmp / "src/file.txt", "body");
+    int status = -1;
+    runTool("xar create " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "src"), &status);
+    ASSERT_EQ(0, status);
+    testsupport::writeFile(tmp / "lib/libcrypto.so.3", "not a library");
+    auto withoutCrypto = [&](const std::string& args) {
+        return testsupport::runCommand("LD_LIBRARY_PATH=" + shellQuote(tmp / "lib") + " " +
+                                           shellQuote(std::string(FERRYHOLD_BINARY_DIR) + "/crateworks") + " " + args +
+                                           " 2>&1",
+                                       &status);
+    };
+    for (const std::string& args : {"xar create " + shellQuote(tmp / "b.xar") + " " + shellQuote(tmp / "src"),
+                                    "xar verify " + shellQuote(tmp / "a.xar"), "xar digest " + shellQuote(tmp / "a.xar"),
+                                    "xar extract " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "out")}) {
+        std::string out = withoutCrypto(args);
+        EXPECT_EQ(1, status) << args << "\n" << out;
+        size_t named = out.find("libcrypto.so.3 cannot be loaded");
+        EXPECT_NE(std::string::npos, named) << args << "\n" << out;
+        EXPECT_EQ(std::string::npos, out.find("libcrypto.so.3 cannot be loaded", named + 1)) << args << "\n" << out;
+    }
+    struct stat st {};
+    EXPECT_NE(0, lstat((tmp / "b.xar").c_str(), &st));  // nothing left where the archive was to go
+    EXPECT_NE(0, lstat((tmp / "out/file.txt").c_str(), &st));
+    runTool("xar verify " + shellQuote(tmp / "a.xar"), &status);
+    EXPECT_EQ(0, status);  // the archive itself is sound
+}
+
 }  // namespace
 
 namespace {

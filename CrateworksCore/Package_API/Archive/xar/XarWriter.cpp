@@ -315,6 +315,12 @@ bool XarWriter::_write(platform::Error* error) {
     }
     platform::Data compressed = compressTOC(xml);
     platform::Data checksum = platform::digest::compute(algorithm, compressed);
+    // No digest at all (the library that computes them is missing) would leave every
+    // checksum of the archive empty: nothing could ever read it back.
+    if (checksum.size() != checksumLength) {
+        platform::setError(error, platform::fs::posixError(ENOTSUP, path_, "no checksum can be computed"));
+        return false;
+    }
     if (!heap_.writeAt(0, checksum, error)) return false;
     for (size_t i = 0; i < signatureMakers_.size(); ++i) {
         const Signature& s = toc_.signatures[i];
