@@ -63,7 +63,7 @@ install(FILES FerryholdTool/ferryhold.bash-completion DESTINATION ${CMAKE_INSTAL
 # through xar/XarForward.h. scripts/check-installed-headers.sh proves that no installed
 # header includes one left out (the installed_headers test runs it).
 set(FERRYHOLD_INTERNAL_HEADERS
-  Platform/OpenSSLHandles.h Platform/CurlDriver.h Platform/CurlLibrary.h Platform/LazyLibrary.h
+  Platform/OpenSSLHandles.h Platform/CryptoLibrary.h Platform/CurlDriver.h Platform/CurlLibrary.h Platform/LazyLibrary.h
   Platform/FileDetail.h Platform/PropertyListFailure.h)
 set(FERRYHOLD_HEADER_EXCLUDES PATTERN "Archive/xar" EXCLUDE)
 foreach(header IN LISTS FERRYHOLD_INTERNAL_HEADERS)
