@@ -133,8 +133,8 @@ int64_t StaticCode::checkValidity(uint32_t flags) const {
     auto content = contentBIO(*resourcesBytes);
     detail::StorePtr store(crypto().X509_STORE_new());
     if (!cms || !content || !store ||
-        crypto().CMS_verify(cms.get(), nullptr, store.get(), content.get(), nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) !=
-            1)
+        crypto().CMS_verify(cms.get(), nullptr, store.get(), content.get(), nullptr,
+                            CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1)
         return kStatusCodeSignatureInvalid;
     if (flags & kValidityDoNotValidateResources) return 0;
     auto resources = plist::readBytes(*resourcesBytes);

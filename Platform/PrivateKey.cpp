@@ -29,7 +29,8 @@ std::optional<Data> PrivateKey::signRSASHA1Digest(std::span<const uint8_t> diges
     const CryptoLibrary& c = crypto();
     detail::EVPKeyCtxPtr ctx(c.EVP_PKEY_CTX_new(key_, nullptr));
     size_t length = 0;
-    if (!ctx || c.EVP_PKEY_sign_init(ctx.get()) != 1 || c.EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+    if (!ctx || c.EVP_PKEY_sign_init(ctx.get()) != 1 ||
+        c.EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
         c.EVP_PKEY_CTX_set_signature_md(ctx.get(), c.EVP_sha1()) != 1 ||
         c.EVP_PKEY_sign(ctx.get(), nullptr, &length, digest.data(), digest.size()) != 1)
         return std::nullopt;

@@ -143,9 +143,10 @@ TEST(XarCommand, ALibcryptoThatCannotBeLoadedFailsEveryChecksum) {
                                            " 2>&1",
                                        &status);
     };
+    const std::string archive = shellQuote(tmp / "a.xar");
     for (const std::string& args : {"xar create " + shellQuote(tmp / "b.xar") + " " + shellQuote(tmp / "src"),
-                                    "xar verify " + shellQuote(tmp / "a.xar"), "xar digest " + shellQuote(tmp / "a.xar"),
-                                    "xar extract " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "out")}) {
+                                    "xar verify " + archive, "xar digest " + archive,
+                                    "xar extract " + archive + " " + shellQuote(tmp / "out")}) {
         std::string out = withoutCrypto(args);
         EXPECT_EQ(1, status) << args << "\n" << out;
         size_t named = out.find("libcrypto.so.3 cannot be loaded");
