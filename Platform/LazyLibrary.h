@@ -2,10 +2,12 @@
 // when a program starts: each library linked directly is mapped and relocated before
 // main in every process, including the many that never call it. Used for libcurl, which
 // only the tools' network paths need and which brings some forty libraries with it, and
-// for libmount and libblkid, which only the volume list and the disk picker need.
+// for libmount and libblkid, which only the volume list and the disk picker need, and for
+// libcrypto, which only digests, certificates and signatures need.
 //
 // A library's table is a struct of function pointers named after the functions without
-// their common prefix, declared and looked up through one list of names: a macro called
+// their common prefix (or, with an empty prefix, like the functions themselves, where
+// they share none), declared and looked up through one list of names: a macro called
 // as LIST(X, args...) that writes X(args..., name) for each name.
 #pragma once
 
