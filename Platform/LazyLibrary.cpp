@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include "Platform/Log.h"
+
 namespace platform::detail {
 
 bool loadLazyLibrary(const char* soname, const std::vector<LazySymbol>& symbols, std::string* why) {
@@ -22,6 +24,10 @@ bool loadLazyLibrary(const char* soname, const std::vector<LazySymbol>& symbols,
         }
     }
     return true;
+}
+
+void announceLoadFailure(const char* soname, const std::string& why, const char* consequence) {
+    consoleLogf("{} cannot be loaded ({}): {}", soname, why, consequence);
 }
 
 }  // namespace platform::detail

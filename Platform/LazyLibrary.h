@@ -41,6 +41,32 @@ const Table* lazyTable(std::string* why = nullptr) {
     return table.get();
 }
 
+// Where a table that announces its failure keeps the reason.
+template <typename Table>
+std::string& loadFailureOf() {
+    static std::string why;
+    return why;
+}
+
+// One console line: the library, why it cannot be loaded, and what cannot be done then.
+void announceLoadFailure(const char* soname, const std::string& why, const char* consequence);
+
+// lazyTable's table for a library whose absence the process announces: `prepare`, when
+// given, runs once on the loaded table and may refuse it (false, the reason in `why`);
+// when there is no table, announceLoadFailure says so once, with `consequence`. The
+// reason stays in loadFailureOf<Table>().
+template <typename Table>
+const Table* announcedTable(const char* consequence, bool (*prepare)(const Table&, std::string& why) = nullptr) {
+    static const Table* table = [&]() -> const Table* {
+        std::string& why = loadFailureOf<Table>();
+        const Table* loaded = lazyTable<Table>(&why);
+        if (loaded && prepare && !prepare(*loaded, why)) loaded = nullptr;
+        if (!loaded) announceLoadFailure(Table::kFileName, why, consequence);
+        return loaded;
+    }();
+    return table;
+}
+
 }  // namespace platform::detail
 
 // A pointer member for function PREFIX##NAME, called NAME.

@@ -107,21 +107,31 @@ TEST(XarCommand, NotAnArchiveAndWrongCalls) {
     }
 }
 
+// The tool run with the libraries of `libraries` found first; its output with its errors.
+std::string runWithLibraries(const std::string& libraries, const std::string& args, int* status) {
+    return testsupport::runCommand("LD_LIBRARY_PATH=" + shellQuote(libraries) + " " +
+                                       shellQuote(std::string(FERRYHOLD_BINARY_DIR) + "/crateworks") + " " + args +
+                                       " 2>&1",
+                                   status);
+}
+
+// An archive of one file made at tmp/a.xar from tmp/src, by the tool with its own libraries.
+bool madeSmallArchive(const TempDir& tmp, int* status) {
+    testsupport::writeFile(tmp / "src/file.txt", "body");
+    runTool("xar create " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "src"), status);
+    return *status == 0;
+}
+
 // libxml2 is loaded when a table of contents is first read; where it cannot be, the
 // archive is refused with that reason, not believed empty.
 TEST(XarCommand, ALibxml2ThatCannotBeLoadedIsNamed) {
     TempDir tmp;
-    testsupport::writeFile(tmp / "src/file.txt", "body");
     int status = -1;
-    runTool("xar create " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "src"), &status);
-    ASSERT_EQ(0, status);
+    ASSERT_TRUE(madeSmallArchive(tmp, &status));
     testsupport::writeFile(tmp / "lib/libxml2.so.2", "");
     std::string out = runTool("xar list " + shellQuote(tmp / "a.xar"), &status);
     EXPECT_EQ(0, status) << out;  // the same archive reads with the real library
-    out = testsupport::runCommand("LD_LIBRARY_PATH=" + shellQuote(tmp / "lib") + " " +
-                                      shellQuote(std::string(FERRYHOLD_BINARY_DIR) + "/crateworks") + " xar list " +
-                                      shellQuote(tmp / "a.xar") + " 2>&1",
-                                  &status);
+    out = runWithLibraries(tmp / "lib", "xar list " + shellQuote(tmp / "a.xar"), &status);
     EXPECT_EQ(1, status);
     EXPECT_EQ(1u, lines(out).size()) << out;
     EXPECT_NE(std::string::npos, out.find("libxml2.so.2 cannot be loaded")) << out;
@@ -132,22 +142,14 @@ TEST(XarCommand, ALibxml2ThatCannotBeLoadedIsNamed) {
 // fails, once naming the library, and crashes in none.
 TEST(XarCommand, ALibcryptoThatCannotBeLoadedFailsEveryChecksum) {
     TempDir tmp;
-    testsupport::writeFile(tmp / "src/file.txt", "body");
     int status = -1;
-    runTool("xar create " + shellQuote(tmp / "a.xar") + " " + shellQuote(tmp / "src"), &status);
-    ASSERT_EQ(0, status);
+    ASSERT_TRUE(madeSmallArchive(tmp, &status));
     testsupport::writeFile(tmp / "lib/libcrypto.so.3", "not a library");
-    auto withoutCrypto = [&](const std::string& args) {
-        return testsupport::runCommand("LD_LIBRARY_PATH=" + shellQuote(tmp / "lib") + " " +
-                                           shellQuote(std::string(FERRYHOLD_BINARY_DIR) + "/crateworks") + " " + args +
-                                           " 2>&1",
-                                       &status);
-    };
     const std::string archive = shellQuote(tmp / "a.xar");
     for (const std::string& args : {"xar create " + shellQuote(tmp / "b.xar") + " " + shellQuote(tmp / "src"),
                                     "xar verify " + archive, "xar digest " + archive,
                                     "xar extract " + archive + " " + shellQuote(tmp / "out")}) {
-        std::string out = withoutCrypto(args);
+        std::string out = runWithLibraries(tmp / "lib", args, &status);
         EXPECT_EQ(1, status) << args << "\n" << out;
         size_t named = out.find("libcrypto.so.3 cannot be loaded");
         EXPECT_NE(std::string::npos, named) << args << "\n" << out;
