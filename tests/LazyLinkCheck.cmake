@@ -3,8 +3,8 @@
 # libcrypto's version, means some code calls it directly again, and every process would
 # map it before main.
 #   cmake -DREADELF=... -DLIB_DIR=... -DPROGRAMS="a;b" -DSONAMES="x.so.1;y.so.2" -P LazyLinkCheck.cmake
-# Every ELF file below LIB_DIR (the libraries and the bundle's tools) is checked, and each
-# of PROGRAMS.
+# Every ELF file below LIB_DIR (the libraries; links, such as the bundle's to its tool, are
+# passed over) is checked, and each of PROGRAMS (the tools, the rule-data tool among them).
 cmake_minimum_required(VERSION 3.20)
 
 file(GLOB_RECURSE candidates LIST_DIRECTORIES false ${LIB_DIR}/*)

@@ -85,7 +85,8 @@ PackageData& packageData() {
     return data;
 }
 
-// Steps 1 to 5 up to starting the tool; `data.lock` held.
+// The first time: makes the set, keeps the root and starts the tool, or says once why
+// there is none. `data.lock` held.
 void startPackageData(PackageData& data, const std::string& root) {
     if (data.paths) return;
     data.paths.emplace();

@@ -487,11 +487,14 @@ std::optional<FHFindSystemFiles::PathList> FHFindSystemFiles::cachedSystemPaths(
 }
 
 std::optional<FHFindSystemFiles::PathList> FHFindSystemFiles::systemPaths() {
-    FHSystemPathCache cache(_rootPath, _latestSystemReceiptDate());
-    if (auto cached = cache.read()) return cached;
+    if (auto cached = cachedSystemPaths()) return cached;
+    return _findAndCacheSystemPaths();
+}
+
+std::optional<FHFindSystemFiles::PathList> FHFindSystemFiles::_findAndCacheSystemPaths() {
     consoleLog("Finding system files...");
     auto found = _findSystemPaths();
     if (_isCancelled || !found) return std::nullopt;
-    cache.write(*found);
+    FHSystemPathCache(_rootPath, _latestSystemReceiptDate()).write(*found);
     return found;
 }

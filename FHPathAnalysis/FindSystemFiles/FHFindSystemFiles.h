@@ -75,6 +75,9 @@ public:
     // The system paths from the volume's cache when it is valid; null otherwise. A cached
     // list does not depend on the prune paths.
     std::optional<PathList> cachedSystemPaths() const;
+    // The system paths found afresh and written to the cache; null when cancelled or none
+    // found. systemPaths() without looking at the cache first.
+    std::optional<PathList> _findAndCacheSystemPaths();
     // The sorted system paths found afresh; null when none were found.
     std::optional<PathList> _findSystemPaths();
     // The paths the receipts of one package group installed under the searching paths

@@ -231,7 +231,7 @@ std::optional<FHPathAnalyzer::PathList> FHPathAnalyzer::prunedUserPathsWithParen
     const bool cached = systemPaths.has_value();
     if (!cached) {
         addPrunePaths();
-        systemPaths = _fsf->systemPaths();
+        systemPaths = _fsf->_findAndCacheSystemPaths();
         if (!systemPaths) return std::nullopt;
     }
 
